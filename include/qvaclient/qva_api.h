@@ -1,0 +1,95 @@
+/* The qvaclient application interface: library frame, trace control,
+ * connections and ECI calls. Every function runs in the caller's thread. */
+#ifndef QVACLIENT_QVA_API_H
+#define QVACLIENT_QVA_API_H
+
+#include "qva_codes.h"
+#include "qva_eci.h"
+
+#if defined(__GNUC__)
+#define QVA_API __attribute__((visibility("default")))
+#else
+#define QVA_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Result-code names and versions ------------------------------------ */
+
+/* Writes the name of any QVA_ or ECI_ result code ("UNKNOWN" for others) into
+ * rcString, which must hold QVA_RC_STRING_SIZE bytes, and returns rcString. */
+QVA_API char *QVA_getRcString(int rc, char *rcString);
+
+/* Names ECI codes -60 to -1 only; everything else is "UNKNOWN". */
+QVA_API char *QVA_getRcStringECI(int rc, char *rcString);
+
+/* Store a pointer to the library's version text ("8.0.0.1") or the API
+ * version text ("2.1.0.0"); the text belongs to the library. */
+QVA_API int QVA_getDLLVersion(const char **dllVersPtr);
+QVA_API int QVA_getAPIVersion(const char **apiVersPtr);
+
+/* ---- Trace control ------------------------------------------------------ */
+
+/* Levels: 0 off, 1 exceptions, 2 events, 3 entry/exit, 4 debug and data
+ * dumps, 5 lock operations too. */
+QVA_API int QVA_setAPITraceLevel(int traceState);
+QVA_API int QVA_getAPITraceLevel(int *traceStatePtr);
+
+/* Appends the trace to traceFile, or writes it to standard error when
+ * traceFile is NULL. Names of 1024 characters or more are refused with
+ * QVA_ERR_TRACEFILE. */
+QVA_API int QVA_setAPITraceFile(const char *traceFile);
+
+/* First byte of a data block that a trace dump shows. */
+QVA_API void QVA_setAPITraceDataOffset(unsigned int dataOffset);
+
+/* Most bytes a trace dump shows; 0 shows whole blocks. */
+QVA_API void QVA_setAPITraceDataLength(unsigned int dataLength);
+
+/* Writes the library's state (settings, connections) to the trace at every
+ * level, level 0 included. */
+QVA_API int QVA_dumpState(void);
+
+/* ---- Connections --------------------------------------------------------- */
+
+/* The handle of one open Gateway connection. Only the thread that opened it
+ * may use it. */
+typedef struct QvaGatewayToken QvaGatewayToken;
+
+/* Connects to the Gateway at hostname:port (host name or numeric address)
+ * and greets it. connTimeout is in seconds, 0 to 3600. On success the new
+ * token is stored in *gwTokPtr. */
+QVA_API int QVA_openRemoteGatewayConnection(const char *hostname, int port, QvaGatewayToken **gwTokPtr,
+                                            int connTimeout);
+
+/* Closes the connection and sets *gwTokPtr to NULL. */
+QVA_API int QVA_closeGatewayConnection(QvaGatewayToken **gwTokPtr);
+
+/* Closes every connection of the process, whichever thread opened it. */
+QVA_API int QVA_closeAllGatewayConnections(void);
+
+/* ---- ECI calls ------------------------------------------------------------ */
+
+/* Calls a server program with a COMMAREA. Returns a QVA_ code for argument,
+ * token and transport failures, an ECI_ code from validation, or the code the
+ * Gateway returned. The library never writes past eci_commarea_length bytes
+ * of the COMMAREA: when the Gateway returns more, the first
+ * eci_commarea_length bytes are kept, the rest is read and dropped (so the
+ * connection stays usable) and the call returns QVA_ERR_INVALID_DATA_LENGTH.
+ * A reply that carries a channel for a COMMAREA call is dropped likewise and
+ * gives QVA_ERR_SYSTEM_ERROR. */
+QVA_API int QVA_ECI_Execute(QvaGatewayToken *gwTok, ECI_PARMS *EciParms);
+
+/* Lists the servers the Gateway knows. *Systems holds the number of entries
+ * that List can take and receives the number the Gateway reports. The
+ * library never writes past *Systems entries: when the Gateway sends more,
+ * they are read and dropped and the call returns QVA_ERR_MORE_SYSTEMS. */
+QVA_API int QVA_listSystems(QvaGatewayToken *gwTok, unsigned short *Systems, QVA_SYSTEM_ENTRY *List);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QVACLIENT_QVA_API_H */

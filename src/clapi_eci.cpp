@@ -1,0 +1,278 @@
+// ECI parameter block validation and the ECI result-code names.
+
+#include "clapi_eci.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+
+#include "clapi_diag.h"
+#include "clapi_gwytok.h"
+#include "clapi_impl.h"
+#include "clapi_socketcomms.h"
+
+namespace {
+
+// Slot rc + 60 names ECI code rc, for rc from -60 to -1.
+constexpr std::array<const char *, 60> kEciNames = [] {
+  std::array<const char *, 60> names{};
+  auto set = [&names](int rc, const char *name) { names[static_cast<size_t>(rc + 60)] = name; };
+  set(-1, "ECI_ERR_INVALID_DATA_LENGTH");
+  set(-2, "ECI_ERR_INVALID_EXTEND_MODE");
+  set(-3, "ECI_ERR_NO_VESK");
+  set(-4, "ECI_ERR_VESK_DIED");
+  set(-5, "ECI_ERR_REQUEST_TIMEOUT");
+  set(-6, "ECI_ERR_RESPONSE_TIMEOUT");
+  set(-7, "ECI_ERR_TRANSACTION_ABEND");
+  set(-8, "ECI_ERR_LUW_TOKEN");
+  set(-9, "ECI_ERR_SYSTEM_ERROR");
+  set(-14, "ECI_ERR_INVALID_CALL_TYPE");
+  set(-16, "ECI_ERR_RESOURCE_SHORTAGE");
+  set(-17, "ECI_ERR_NO_SESSIONS");
+  set(-19, "ECI_ERR_INVALID_DATA_AREA");
+  set(-21, "ECI_ERR_INVALID_VERSION");
+  set(-22, "ECI_ERR_UNKNOWN_SERVER");
+  set(-27, "ECI_ERR_SECURITY_ERROR");
+  set(-28, "ECI_ERR_MAX_SYSTEMS");
+  set(-29, "ECI_ERR_MAX_SESSIONS");
+  set(-30, "ECI_ERR_ROLLEDBACK");
+  set(-50, "ECI_ERR_INVALID_CHANNEL");
+  set(-51, "ECI_ERR_INVALID_NAME");
+  set(-52, "ECI_ERR_NULLCHANNELPTR");
+  set(-53, "ECI_ERR_CHANNELLOCKFAIL");
+  set(-54, "ECI_ERR_ENDOFCONTAINERS");
+  set(-55, "ECI_ERR_NULLINFOPTR");
+  set(-56, "ECI_ERR_INVALID_TYPE");
+  set(-58, "ECI_ERR_CONTAINER_NOTFOUND");
+  set(-59, "ECI_ERR_CONTAINER_EXISTS");
+  set(-60, "ECI_ERR_COMMAREA_AND_CHANNEL");
+  return names;
+}();
+
+}  // namespace
+
+const char *eciCodeName(int rc) {
+  if (rc < -60 || rc > -1) return nullptr;
+  return kEciNames[static_cast<size_t>(rc + 60)];
+}
+
+char *QVA_getRcStringECI(int rc, char *rcString) {
+  TRACE_ENTRY(3310, "clapi_eci.QVA_getRcStringECI(rc=%d,rcString=%p)\n", rc, static_cast<void *>(rcString));
+  if (rcString != nullptr) {
+    const char *name = eciCodeName(rc);
+    std::strcpy(rcString, name != nullptr ? name : "UNKNOWN");
+  }
+  TRACE_EXIT(3311, "clapi_eci.QVA_getRcStringECI(rcString=%p) rc=%d\n", static_cast<void *>(rcString), rc);
+  return rcString;
+}
+
+int verifyEciParms(const ECI_PARMS *eciParms, int minVersion) {
+  const void *block = eciParms;
+  TRACE_ENTRY(3300, "clapi_eci.verifyEciParms(&EciParms=%p, minVersion=%d)\n", block, minVersion);
+  int rc = ECI_NO_ERROR;
+  if (eciParms->eci_call_type != ECI_SYNC) {
+    rc = ECI_ERR_INVALID_CALL_TYPE;
+    TRACE_EXC(3301, "clapi_eci.verifyEciParms(&EciParms=%p) Invalid Call Type - eci_call_type=%d\n", block,
+              eciParms->eci_call_type);
+  } else if (static_cast<uint16_t>(eciParms->eci_extend_mode) > 2 && eciParms->eci_extend_mode != ECI_BACKOUT) {
+    rc = ECI_ERR_INVALID_EXTEND_MODE;
+    TRACE_EXC(3302, "clapi_eci.verifyEciParms(&EciParms=%p) Invalid Extend Mode - eci_extend_mode=%d\n", block,
+              eciParms->eci_extend_mode);
+  } else if (eciParms->eci_commarea_length < 0) {
+    rc = ECI_ERR_INVALID_DATA_LENGTH;
+    TRACE_EXC(3303, "clapi_eci.verifyEciParms(&EciParms=%p) Invalid Data Length - eci_commarea_length=%d\n", block,
+              eciParms->eci_commarea_length);
+  } else if (eciParms->eci_commarea == nullptr && eciParms->eci_commarea_length != 0) {
+    rc = ECI_ERR_INVALID_DATA_AREA;
+    TRACE_EXC(3304,
+              "clapi_eci.verifyEciParms(&EciParms=%p) Invalid Data Area - Commarea null but eci_commarea_length=%d \n",
+              block, eciParms->eci_commarea_length);
+  } else if (eciParms->eci_commarea != nullptr && eciParms->eci_commarea_length == 0) {
+    rc = ECI_ERR_INVALID_DATA_AREA;
+    TRACE_EXC(3304,
+              "clapi_eci.verifyEciParms(&EciParms=%p) Invalid Data Area - Commarea not null but "
+              "eci_commarea_length=0\n",
+              block);
+  } else if (eciParms->eci_version < minVersion || eciParms->eci_version > ECI_VERSION_4) {
+    rc = ECI_ERR_INVALID_VERSION;
+    TRACE_EXC(3305, "clapi_eci.verifyEciParms(&EciParms=%p) Invalid ECI Version - eci_version=%d\n", block,
+              eciParms->eci_version);
+  } else if (eciParms->eci_timeout < 0) {
+    rc = ECI_ERR_REQUEST_TIMEOUT;
+    TRACE_EXC(3306, "clapi_eci.verifyEciParms(&EciParms=%p) Invalid Timeout - eci_timeout=%d\n", block,
+              eciParms->eci_timeout);
+  }
+  TRACE_EXIT(3307, "clapi_eci.verifyEciParms(&EciParms=%p) rc=%d\n", block, rc);
+  return rc;
+}
+
+// ---- ECI calls ---------------------------------------------------------------
+
+namespace {
+
+const void *addr(const void *p) { return p; }
+
+char ECI_REQUEST_NAME[4] = "ECI";
+
+void fillRequestHeader(GatewayRequest *request, char *name) {
+  *request = GatewayRequest{};
+  request->magic = kHeaderMagic;
+  request->version = kProtocolVersionWord;
+  request->flowType = kFlowEciRequest;
+  request->name = name;
+  request->nameLength = static_cast<uint32_t>(std::strlen(name));
+  request->extensionMarker = -1;
+}
+
+// The block as the trace shows it: a copy whose password reads '*'. The
+// copy is made at every level, so that an allocation failure shows the same
+// whatever the trace level.
+int dumpEciParms(const ECI_PARMS *eciParms, const char *when) {
+  const int size = static_cast<int>(sizeof(ECI_PARMS));
+  TRACE_DEBUG(3323, "API.QVA_ECI_Execute(eciParmsSize=%d) %s Eci Stucture \n", size, when);
+  auto *copy = static_cast<ECI_PARMS *>(std::malloc(sizeof(ECI_PARMS)));
+  if (copy == nullptr) {
+    TRACE_EXC(3324, "API.QVA_ECI_Execute Failed to allocate %d bytes.\n", size);
+    return QVA_ERR_MALLOCFAIL;
+  }
+  std::memcpy(copy, eciParms, sizeof(ECI_PARMS));
+  std::memset(copy->eci_password, '*', sizeof copy->eci_password);
+  TRACE_DATA(3325, copy, sizeof(ECI_PARMS), "API.QVA_ECI_Execute EciParms=%p len=%d stopword=%8.8X\n", addr(copy), size,
+             0u);
+  std::free(copy);
+  return QVA_OK;
+}
+
+bool tpnGiven(const ECI_PARMS *eciParms) {
+  static constexpr char kNoTpn[4] = {0, 0, 0, 0};
+  return std::memcmp(eciParms->eci_tpn, kNoTpn, sizeof kNoTpn) != 0;
+}
+
+void fillProgramRequest(GatewayRequest *request, const ECI_PARMS *eciParms) {
+  request->callType = eciParms->eci_call_type;
+  request->extendMode = eciParms->eci_extend_mode;
+  request->luwToken = eciParms->eci_luw_token;
+  std::memcpy(request->systemName, eciParms->eci_system_name, sizeof request->systemName);
+  std::memcpy(request->userId, eciParms->eci_userid, sizeof request->userId);
+  std::memcpy(request->password, eciParms->eci_password, sizeof request->password);
+  std::memcpy(request->programName, eciParms->eci_program_name, sizeof request->programName);
+  if (tpnGiven(eciParms)) {
+    std::memcpy(request->transId, eciParms->eci_tpn, sizeof request->transId);
+    request->callType = kCallTypeSyncTpn;
+  } else {
+    std::memcpy(request->transId, eciParms->eci_transid, sizeof request->transId);
+  }
+  request->commarea = static_cast<uint8_t *>(eciParms->eci_commarea);
+  request->commareaLength = eciParms->eci_commarea_length;
+  request->timeout = eciParms->eci_timeout;
+  if (eciParms->eci_send_length > 0) {
+    request->requestDataLength = std::min<int32_t>(eciParms->eci_send_length, eciParms->eci_commarea_length);
+  }
+  if (eciParms->eci_receive_length > 0) {
+    request->replyDataLength = std::min<int32_t>(eciParms->eci_receive_length, eciParms->eci_commarea_length);
+  }
+}
+
+// The request's copy of the password must not outlive the call.
+void forgetPassword(GatewayRequest *request) {
+  volatile char *p = request->password;
+  for (size_t i = 0; i < sizeof request->password; ++i) p[i] = 0;
+}
+
+// Clears trailing blanks and NULs of the 9-byte name, from the ninth byte
+// back to the second; the first byte is kept whatever it is.
+void trimSystemName(uint8_t *entry) {
+  for (int i = QVA_SYSTEM_NAME_SIZE - 1; i >= 1 && (entry[i] == ' ' || entry[i] == '\0'); --i) entry[i] = '\0';
+}
+
+}  // namespace
+
+int QVA_ECI_Execute(QvaGatewayToken *gwTok, ECI_PARMS *EciParms) {
+  int rc = clapiInit();
+  TRACE_ENTRY(3320, "API.QVA_ECI_Execute(gwTok=%p,EciParms=%p )\n", addr(gwTok), addr(EciParms));
+  if (rc == QVA_OK) {
+    if (gwTok == nullptr) {
+      rc = QVA_ERR_NULLGWTOK;
+      TRACE_EXC(3321, "API.QVA_ECI_Execute(gwTok=%p) Null gateway token\n", addr(gwTok));
+    } else {
+      rc = clapiVerifyGatewayToken(gwTok);
+    }
+    if (rc == QVA_OK) {
+      if (EciParms == nullptr) {
+        rc = QVA_ERR_NULLECIPOINTER;
+        TRACE_EXC(3322, "API.QVA_ECI_Execute(EciParms=%p) Null Eci Parameter\n", addr(EciParms));
+      } else {
+        rc = verifyEciParms(EciParms, 3);
+      }
+    }
+    if (EciParms != nullptr && dumpEciParms(EciParms, "Input") != QVA_OK) rc = QVA_ERR_MALLOCFAIL;
+    if (rc == QVA_OK) {
+      char name[sizeof ECI_REQUEST_NAME];
+      std::memcpy(name, ECI_REQUEST_NAME, sizeof name);
+      GatewayRequest request;
+      fillRequestHeader(&request, name);
+      fillProgramRequest(&request, EciParms);
+      int32_t reasons = 0;
+      rc = clapiFlowECIRequest(gwTok->socket, &request, &reasons);
+      forgetPassword(&request);
+      if (rc == QVA_OK) {
+        std::memcpy(EciParms->eci_abend_code, request.abendCode, sizeof EciParms->eci_abend_code);
+        EciParms->eci_luw_token = request.luwToken;
+        rc = request.replyRc;
+      }
+      dumpEciParms(EciParms, "Output");
+    }
+  }
+  if (traceOn(kTraceEntryExit)) {
+    RcName name(rc);
+    clapiTrace(3326, "EXIT", "API.QVA_ECI_Execute() rc=%d %s\n", rc, name.text);
+  }
+  return rc;
+}
+
+int QVA_listSystems(QvaGatewayToken *gwTok, unsigned short *Systems, QVA_SYSTEM_ENTRY *List) {
+  int rc = clapiInit();
+  TRACE_ENTRY(3340, "API.QVA_listSystems(gwTok=%p, Systems=%p, List=%p)\n", addr(gwTok), addr(Systems), addr(List));
+  if (rc == QVA_OK) {
+    if (gwTok == nullptr) {
+      rc = QVA_ERR_NULLGWTOK;
+      TRACE_EXC(3341, "API.QVA_listSystems(gwTok=%p) Null gateway token\n", addr(gwTok));
+    } else {
+      rc = clapiVerifyGatewayToken(gwTok);
+    }
+    if (rc == QVA_OK && Systems == nullptr) {
+      rc = QVA_ERR_NULLPTR;
+      TRACE_EXC(3342, "API.QVA_listSystems(Systems=%p) Null Systems Parameter\n", addr(Systems));
+    } else if (rc == QVA_OK && List == nullptr) {
+      rc = QVA_ERR_NULLPTR;
+      TRACE_EXC(3343, "API.QVA_listSystems(List=%p) Null List Parameter\n", addr(List));
+    }
+  }
+  if (rc == QVA_OK) {
+    char name[sizeof ECI_REQUEST_NAME];
+    std::memcpy(name, ECI_REQUEST_NAME, sizeof name);
+    GatewayRequest request;
+    fillRequestHeader(&request, name);
+    request.callType = kCallTypeListSystems;
+    request.commarea = reinterpret_cast<uint8_t *>(List);
+    const int32_t capacity = *Systems;
+    request.systemCount = capacity;
+    int32_t reasons = 0;
+    rc = clapiFlowECIRequest(gwTok->socket, &request, &reasons);
+    // A list longer than the caller's is cut to it; the entries that did
+    // arrive are still handed back, trimmed.
+    if (rc == QVA_OK || rc == QVA_ERR_MORE_SYSTEMS) {
+      *Systems = static_cast<unsigned short>(std::clamp(request.systemCount, 0, 65535));
+      int32_t received = std::max(request.commareaLength, 0) / static_cast<int32_t>(kSystemEntrySize);
+      int32_t entries = std::min({request.systemCount, capacity, received});
+      for (int32_t i = 0; i < entries; ++i) trimSystemName(reinterpret_cast<uint8_t *>(&List[i]));
+      if (rc == QVA_OK) rc = request.replyRc;
+    }
+  }
+  if (traceOn(kTraceEntryExit)) {
+    RcName name(rc);
+    clapiTrace(3344, "EXIT", "API.QVA_listSystems() rc=%d %s\n", rc, name.text);
+  }
+  return rc;
+}

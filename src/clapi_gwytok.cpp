@@ -1,0 +1,343 @@
+// The process-wide Gateway Token List and its ownership checks.
+
+#include "clapi_gwytok.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "clapi_diag.h"
+#include "clapi_gwycon.h"
+#include "clapi_lock.h"
+#include "clapi_versions.h"
+#include "qvaclient/qva_codes.h"
+
+QvaGatewayToken *gtListHeadPtr = nullptr;
+QvaGatewayToken *gtListTailPtr = nullptr;
+
+namespace {
+
+ClapiLock gtlLock;
+
+const void *addr(const void *p) { return p; }
+
+int chainGatewayToken(QvaGatewayToken *gwTok) {
+  TRACE_ENTRY(2130, "clapi_qva_gwytok.chainGatewayToken(&gwTokPtr=%p)\n", addr(gwTok));
+  int rc = QVA_OK;
+  LockHolder gtl(&gtlLock);
+  if (gwTok == nullptr) {
+    rc = QVA_ERR_NULLGWTOKPTR;
+    TRACE_EXC(2131, "clapi_qva_gwytok.chainGatewayToken() Chain request was for a null token\n");
+  } else if (gtListHeadPtr == nullptr) {
+    // After the last token was deleted the tail still points at it; an empty
+    // head resets both.
+    gtListHeadPtr = gwTok;
+    gtListTailPtr = gwTok;
+  } else if (gtListTailPtr == nullptr) {
+    rc = QVA_ERR_BADGWTOKLIST;
+    TRACE_EXC(2132, "clapi_qva_gwytok.chainGatewayToken() GTL state is corrupt - head(%p) tail (%p)\n",
+              addr(gtListHeadPtr), addr(gtListTailPtr));
+  } else {
+    gtListTailPtr->nextGwyTokPtr = gwTok;
+    gtListTailPtr = gwTok;
+  }
+  gtl.release();
+  TRACE_EXIT(2133, "clapi_qva_gwytok.chainGatewayToken(&gwTokPtr=%p) rc=%d\n", addr(gwTok), rc);
+  return rc;
+}
+
+int openClientSocket(QvaGatewayToken *gwTok, const char *hostname, int port, int connTimeout) {
+  const char *shownHost = hostname != nullptr ? hostname : "NULL";
+  TRACE_ENTRY(2140, "clapi_qva_gwytok.openClientSocket(gwTokPtr=%p) Attempting to connect to %s:%d connTimeout=%d \n",
+              addr(gwTok), shownHost, port, connTimeout);
+  int rc = QVA_OK;
+  int connectRc = clapiConnectToGateway(port, hostname, &gwTok->socket, connTimeout);
+  if (connectRc == kConnectOk) {
+    gwTok->connStatus = kConnConnected;
+    TRACE_EVENT(2141, "clapi_qva_gwytok.openClientSocket() Connected to Gateway %s:%u - socketDescriptor(%d)\n",
+                shownHost, static_cast<unsigned>(port), gwTok->socket);
+  } else {
+    gwTok->connStatus = kConnFailed;
+    TRACE_EXC(2142, "clapi_qva_gwytok.openClientSocket() Failed to connect to Gateway %s:%u\n", shownHost,
+              static_cast<unsigned>(port));
+    rc = connectRc == kConnectTimedOut ? QVA_ERR_CONNECTTIMEOUT
+         : connectRc == kConnectBadHost ? QVA_ERR_BADHOST
+                                        : QVA_ERR_CONNECTFAILED;
+  }
+  TRACE_EXIT(2143, "clapi_qva_gwytok.openClientSocket(gwTokPtr=%p, hostname=%s, port=%d) rc=%d\n", addr(gwTok),
+             shownHost, port, rc);
+  return rc;
+}
+
+// Closes the token's connection. A connection whose connect or handshake
+// failed gets no close request: a Gateway that never answered the greeting
+// may not answer that either, and the wait for it has no limit.
+int closeTokenConnection(QvaGatewayToken *gwTok) {
+  if (gwTok->connStatus == kConnFailed) {
+    int closeRc = gwTok->socket >= 0 ? close(gwTok->socket) : 0;
+    gwTok->socket = -1;
+    return closeRc;
+  }
+  return clapiCloseConnection(&gwTok->socket);
+}
+
+}  // namespace
+
+int clapiInitGTL(void) {
+  TRACE_ENTRY(2100, "clapi_qva_gwytok.clapiInitGTL()\n");
+  int initLockRc = clapiInitializeLock(&gtlLock);
+  int shownRc = (initLockRc == kLockOk || initLockRc == kLockAlreadyInitialized) ? 0 : QVA_ERR_LOCKFAIL;
+  TRACE_EXIT(2101, "clapi_qva_gwytok.clapiInitGTL() initLockRc=%d, rc=%d\n", initLockRc, shownRc);
+  return initLockRc;
+}
+
+int findGatewayToken(const QvaGatewayToken *target, QvaGatewayToken **parent) {
+  TRACE_ENTRY(2110, "clapi_qva_gwytok.findGatewayToken(target=%p,&parent=%p)\n", addr(target), addr(parent));
+  int rc;
+  if (target == nullptr) {
+    rc = kGtlTargetNull;
+    TRACE_EXC(2111, "clapi_qva_gwytok.findGatewayToken() Target was a null token\n");
+  } else if (gtListHeadPtr == nullptr) {
+    rc = kGtlHeadNull;
+    TRACE_EXC(2112, "clapi_qva_gwytok.findGatewayToken() GTL state is corrupt - head(%p) tail (%p)\n",
+              addr(gtListHeadPtr), addr(gtListTailPtr));
+  } else {
+    // Only addresses are compared until the target is found on the list, so
+    // a stale pointer from the application is never followed.
+    QvaGatewayToken *previous = nullptr;
+    QvaGatewayToken *current = gtListHeadPtr;
+    int entry = 0;
+    for (;;) {
+      if (current == target) {
+        rc = kGtlFound;
+        if (parent != nullptr) *parent = previous;
+        TRACE_DEBUG(2113, "clapi_qva_gwytok.findGatewayToken() Target token found at GTL Entry(%d)\n", entry);
+        break;
+      }
+      previous = current;
+      current = current->nextGwyTokPtr;
+      ++entry;
+      if (current == nullptr && entry != kGtlRunawayLimit) {
+        rc = kGtlNotFound;
+        TRACE_DEBUG(2114, "clapi_qva_gwytok.findGatewayToken() Target token not found. GTL entries(%d) head(%p) last(%p)\n",
+                    entry, addr(gtListHeadPtr), addr(previous));
+        break;
+      }
+      if (entry >= kGtlRunawayLimit) {
+        rc = kGtlRunaway;
+        TRACE_EXC(2115, "clapi_qva_gwytok.findGatewayToken() GTL iteration has hit RUNAWAY limit %d.....\n",
+                  kGtlRunawayLimit);
+        break;
+      }
+    }
+  }
+  TRACE_EXIT(2116, "clapi_qva_gwytok.findGatewayToken(target=%p,&parent=%p) rc=%d\n", addr(target), addr(parent), rc);
+  return rc;
+}
+
+int clapiCreateGatewayToken(QvaGatewayToken **gwTokPtr, const char *hostname, int port, int connTimeout) {
+  TRACE_ENTRY(2120, "clapi_qva_gwytok.clapiCreateGatewayToken(&gwTokPtr=%p,port=%d,connTimeout=%d)\n", addr(gwTokPtr),
+              port, connTimeout);
+  int rc = QVA_OK;
+  auto *gwTok = static_cast<QvaGatewayToken *>(std::malloc(sizeof(QvaGatewayToken)));
+  char *protocolVersion = static_cast<char *>(std::malloc(sizeof kProtocolVersion));
+  if (gwTok == nullptr || protocolVersion == nullptr) {
+    std::free(gwTok);
+    std::free(protocolVersion);
+    rc = QVA_ERR_MALLOCFAIL;
+    TRACE_EXC(2121, "clapi_qva_gwytok.clapiCreateGatewayToken Failed to allocate %d bytes\n",
+              static_cast<int>(sizeof(QvaGatewayToken)));
+  } else {
+    TRACE_DEBUG(2122, "clapi_qva_gwytok.clapiCreateGatewayToken Called malloc for %d bytes. new token address=%p\n",
+                static_cast<int>(sizeof(QvaGatewayToken)), addr(gwTok));
+    *gwTok = QvaGatewayToken{};
+    std::memcpy(gwTok->eyecatcher, "QVAGWTOK", 8);
+    gwTok->port = port;
+    gwTok->connStatus = kConnNew;
+    gwTok->socket = -1;  // nothing to close until a socket exists
+    clapiGetPidTid(&gwTok->owningPid, &gwTok->owningTid);
+    gwTok->owningThread = pthread_self();
+    std::memcpy(protocolVersion, kProtocolVersion, sizeof kProtocolVersion);
+    gwTok->protocolVersion = protocolVersion;
+
+    rc = chainGatewayToken(gwTok);
+    if (rc != QVA_OK) {
+      // Never on the list, so nothing else can reach it.
+      std::free(gwTok->protocolVersion);
+      std::free(gwTok);
+    } else {
+      rc = openClientSocket(gwTok, hostname, port, connTimeout);
+      if (rc != QVA_OK) {
+        QvaGatewayToken *failed = gwTok;
+        clapiDeleteGatewayToken(&failed, 1);
+      } else {
+        if (traceOn(kTraceEvent)) {
+          char text[kTokenTextSize];
+          clapiFormatGatewayToken(gwTok, text);
+          clapiTrace(2123, "EVENT", "clapi_qva_gwytok.clapiCreateGatewayToken(&gwTokPtr=%p) %s\n", addr(gwTokPtr),
+                     text);
+        }
+        *gwTokPtr = gwTok;
+      }
+    }
+  }
+  TRACE_EXIT(2124, "clapi_qva_gwytok.clapiCreateGatewayToken(&gwTokPtr=%p,port=%d) rc=%d\n", addr(gwTokPtr), port, rc);
+  return rc;
+}
+
+int clapiVerifyGatewayToken(QvaGatewayToken *gwTok) {
+  TRACE_ENTRY(2150, "clapi_qva_gwytok.clapiVerifyGatewayToken(&gwTokPtr=%p)\n", addr(gwTok));
+  int rc = QVA_OK;
+  uint32_t owningPid = 0;
+  uint32_t owningTid = 0;
+  pthread_t owningThread{};
+  LockHolder gtl(&gtlLock);
+  int findRc = findGatewayToken(gwTok, nullptr);
+  if (findRc != kGtlFound) {
+    rc = QVA_ERR_BADGWTOK;
+    TRACE_EXC(2151, "clapi_qva_gwytok.clapiVerifyGatewayToken(&gwTokPtr=%p) Gateway token not found - findRc=%d\n",
+              addr(gwTok), findRc);
+  } else {
+    // Copied while the list still holds the token.
+    owningPid = gwTok->owningPid;
+    owningTid = gwTok->owningTid;
+    owningThread = gwTok->owningThread;
+  }
+  gtl.release();
+  if (rc == QVA_OK) {
+    uint32_t currentPid = 0;
+    uint32_t currentTid = 0;
+    clapiGetPidTid(&currentPid, &currentTid);
+    if (currentPid != owningPid) {
+      rc = QVA_ERR_PIDMISMATCH;
+      TRACE_EXC(2152, "clapi_qva_gwytok.clapiVerifyGatewayToken PID mismatch: currentPid=%d, owningPid=%d\n",
+                static_cast<int>(currentPid), static_cast<int>(owningPid));
+    } else if (!clapiCompareTids(pthread_self(), owningThread)) {
+      rc = QVA_ERR_TIDMISMATCH;
+      TRACE_EXC(2153, "clapi_qva_gwytok.clapiVerifyGatewayToken TID mismatch: currentTid=%d, owningTid=%d\n",
+                static_cast<int>(currentTid), static_cast<int>(owningTid));
+    }
+  }
+  TRACE_EXIT(2154, "clapi_qva_gwytok.clapiVerifyGatewayToken(&gwTokPtr=%p) rc=%d\n", addr(gwTok), rc);
+  return rc;
+}
+
+int clapiDeleteGatewayToken(QvaGatewayToken **gwTokPtr, int lockRequired) {
+  TRACE_ENTRY(2160, "clapi_qva_gwytok.clapiDeleteGatewayToken(&gwTokPtr=%p, lockRequired=%d)\n", addr(gwTokPtr),
+              lockRequired);
+  int rc = QVA_OK;
+  if (gwTokPtr == nullptr) {
+    rc = QVA_ERR_NULLGWTOKPTR;
+  } else if (*gwTokPtr == nullptr) {
+    rc = QVA_ERR_NULLGWTOK;
+  } else {
+    QvaGatewayToken *gwTok = *gwTokPtr;
+    QvaGatewayToken *parent = nullptr;
+    LockHolder gtl(lockRequired == 1 ? &gtlLock : nullptr);
+    if (lockRequired == 1 && findGatewayToken(gwTok, &parent) != kGtlFound) {
+      rc = QVA_ERR_BADGWTOK;
+    } else {
+      // Without the lock the caller walks the list from its head.
+      gwTok->connStatus = closeTokenConnection(gwTok) != 0 ? kConnCloseFailed : kConnClosed;
+      TRACE_DEBUG(2161, "clapi_qva_gwytok.clapiDeleteGatewayToken About to free protocolVersion String (%p)\n",
+                  addr(gwTok->protocolVersion));
+      std::free(gwTok->protocolVersion);
+      if (parent != nullptr) {
+        parent->nextGwyTokPtr = gwTok->nextGwyTokPtr;
+        if (parent->nextGwyTokPtr == nullptr) gtListTailPtr = parent;
+      } else {
+        // The tail is left as it was: the next create sees an empty head
+        // and resets both.
+        gtListHeadPtr = gwTok->nextGwyTokPtr;
+      }
+      std::free(gwTok);
+      *gwTokPtr = nullptr;
+    }
+  }
+  TRACE_EXIT(2162, "clapi_qva_gwytok.clapiDeleteGatewayToken(&gwTokPtr=%p, lockRequired=%d) rc=%d\n", addr(gwTokPtr),
+             lockRequired, rc);
+  return rc;
+}
+
+int clapiDeleteGatewayTokens(void) {
+  TRACE_ENTRY(2170, "clapi_qva_gwytok.clapiDeleteGatewayTokens()\n");
+  int rc = QVA_OK;
+  int deleted = 0;
+  LockHolder gtl(&gtlLock);
+  if (gtListHeadPtr == nullptr) {
+    rc = kGtlEmpty;
+    TRACE_EVENT(2171, "clapi_qva_gwytok.clapiDeleteGatewayTokens() GTL is EMPTY\n");
+  } else {
+    QvaGatewayToken *indexToken = gtListHeadPtr;
+    while (indexToken != nullptr && deleted < kGtlRunawayLimit) {
+      if (traceOn(kTraceEvent)) {
+        char text[kTokenTextSize];
+        clapiFormatGatewayToken(indexToken, text);
+        clapiTrace(2172, "EVENT", "clapi_qva_gwytok.clapiDeleteGatewayTokens(indexToken=%p) GTL entry %4.4d: %s\n",
+                   addr(indexToken), deleted + 1, text);
+      }
+      QvaGatewayToken *next = indexToken->nextGwyTokPtr;
+      clapiDeleteGatewayToken(&indexToken, 0);
+      indexToken = next;
+      ++deleted;
+    }
+    if (deleted == kGtlRunawayLimit) {
+      rc = kGtlRunaway;
+      TRACE_EXC(2173, "clapi_qva_gwytok.clapiDeleteGatewayTokensGTL iteration has hit RUNAWAY limit %d.....\n",
+                kGtlRunawayLimit);
+    }
+  }
+  gtl.release();
+  TRACE_EXIT(2174, "clapi_qva_gwytok.clapiDeleteGatewayTokens() Entries deleted=%d rc=%d\n", deleted, rc);
+  return rc;
+}
+
+int clapiFormatGatewayToken(const QvaGatewayToken *gwTok, char *dst) {
+  if (dst == nullptr) return QVA_ERR_NULLPARM;
+  if (gwTok == nullptr) {
+    std::strcpy(dst, "GatwayToken(NULL)");
+  } else {
+    // "Gatway" is the spelling every trace reader expects.
+    std::snprintf(dst, kTokenTextSize,
+                  "GatwayToken(%p) eyecatcher(%8.8s) port(%d) connStatus(%d) socket(%d) owningPid(%8.8X) "
+                  "owningTid(%8.8X) nextGwyTokPtr(%p)",
+                  addr(gwTok), gwTok->eyecatcher, gwTok->port, gwTok->connStatus, gwTok->socket, gwTok->owningPid,
+                  gwTok->owningTid, addr(gwTok->nextGwyTokPtr));
+  }
+  return QVA_OK;
+}
+
+int clapiDumpGatewayTokens(void) {
+  TRACE_ENTRY(2180, "clapi_qva_gwytok.clapiDumpGatewayTokens()\n");
+  static constexpr char kDashes[] =
+      "--------------------------------------------------------------------------------\n";
+  int rc = QVA_OK;
+  int count = 0;
+  {
+    LockHolder gtl(&gtlLock);
+    LockHolder trace(&traceLock);
+    if (gtListHeadPtr == nullptr) {
+      clapiTraceRaw("The Gateway Token List is EMPTY\n");
+      rc = kGtlEmpty;
+    } else {
+      clapiTraceRaw("Gateway Token List dump\n%s", kDashes);
+      char text[kTokenTextSize];
+      for (QvaGatewayToken *tok = gtListHeadPtr; tok != nullptr && count < kGtlRunawayLimit; tok = tok->nextGwyTokPtr) {
+        clapiFormatGatewayToken(tok, text);
+        ++count;
+        clapiTraceRaw("Gateway Token List entry -%4.4d- : %s\n", count, text);
+      }
+      clapiTraceRaw("Total number of Gateway Token List entries=%d\n%s", count, kDashes);
+      if (count == kGtlRunawayLimit) rc = kGtlRunaway;
+    }
+  }
+  if (rc == kGtlRunaway) {
+    TRACE_EXC(2181,
+              "clapi_qva_gwytok.clapiDumpGatewayTokensGateway Token List iteration has hit RUNAWAY limit %d.....\n",
+              kGtlRunawayLimit);
+  }
+  TRACE_EXIT(2182, "clapi_qva_gwytok.clapiDumpGatewayTokens() List length=%d rc=%d\n", count, rc);
+  return rc;
+}

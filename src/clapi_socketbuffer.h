@@ -1,0 +1,52 @@
+// Socket buffers: buffered big-endian reading and writing of one Gateway
+// socket for the length of one flow.
+#pragma once
+
+#include <cstdint>
+
+inline constexpr uint32_t kSocketBufferMax = 1024;
+
+// Lives in the flow's stack frame and is zero-filled before the first
+// initialisation; only `buffer` is allocated.
+struct SocketBuffer {
+  char eyeCatcher[8];
+  int32_t socketDesc;
+  int32_t lastErrno;       // errno of the first failed recv, send or select
+  uint8_t *buffer;
+  uint32_t bufferSize;
+  uint8_t *cursor;
+  uint32_t bytesInBuffer;  // read side: received, not consumed; write side: stored, not sent
+  uint32_t bytesRemaining; // bytes of the message not yet received or sent
+  uint8_t *maskedData;     // the secret written last, shown as '*' in dumps
+  uint32_t maskedLength;
+  // The sticky failed state: 0 while healthy, else the result code that
+  // ended it (QVA_ERR_LOSTGWCON for the socket, QVA_ERR_SYSTEM_ERROR for a
+  // reply shorter than its own fields). Kept apart from lastErrno, because a
+  // peer's orderly close leaves errno 0 and must still stop every read.
+  int32_t failure;
+};
+
+int initWriteBuffer(SocketBuffer *sockBuffer, int socketDesc, uint32_t dataLen);
+int initReadBuffer(SocketBuffer *sockBuffer, int socketDesc, uint32_t dataLen);
+void writeInt(SocketBuffer *sockBuffer, int32_t value);
+void writeShort(SocketBuffer *sockBuffer, int16_t value);
+void writeByte(SocketBuffer *sockBuffer, uint8_t value);
+void writeBytes(SocketBuffer *sockBuffer, const void *data, uint32_t dataLen);
+void writeBytesMasked(SocketBuffer *sockBuffer, const void *data, uint32_t dataLen);
+int flushBuffer(SocketBuffer *sockBuffer);
+int waitForResponse(SocketBuffer *sockBuffer);
+int fillBuffer(SocketBuffer *sockBuffer);
+int32_t readInt(SocketBuffer *sockBuffer);
+int16_t readShort(SocketBuffer *sockBuffer);
+uint8_t readByte(SocketBuffer *sockBuffer);
+void readBytes(SocketBuffer *sockBuffer, void *data, uint32_t dataLen);
+int freeBuffer(SocketBuffer *sockBuffer);
+
+// Reads and drops dataLen bytes of the message, so that a reply whose
+// extra bytes the caller cannot hold leaves the connection in step.
+void discardBytes(SocketBuffer *sockBuffer, uint32_t dataLen);
+
+// Marks a reply that contradicts its own lengths; reads stop from here on.
+void markMalformed(SocketBuffer *sockBuffer);
+
+inline bool bufferFailed(const SocketBuffer *sockBuffer) { return sockBuffer->failure != 0; }
