@@ -1,0 +1,149 @@
+// qva-gateway: the Gateway emulator as a program, for scripts and manual runs.
+//
+// It prints "qva-gateway listening on port N" once it accepts connections, and
+// stops cleanly, exit code 0, on SIGINT or SIGTERM.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "qvaemu/gateway.h"
+
+namespace {
+
+int signalPipe[2] = {-1, -1};
+
+// Only writes the pipe: the main thread does the stopping.
+extern "C" void onSignal(int) {
+  const int saved = errno;
+  const char byte = 1;
+  [[maybe_unused]] ssize_t r = ::write(signalPipe[1], &byte, 1);
+  errno = saved;
+}
+
+void usage(FILE* out) {
+  std::fputs(
+      "usage: qva-gateway [options]\n"
+      "  --listen ADDR          listen on ADDR (repeatable; default 127.0.0.1 and ::1)\n"
+      "  --port N               port to listen on (default 0: ephemeral)\n"
+      "  --port-file FILE       write the port in use to FILE\n"
+      "  --log                  one line per message received, to standard error\n"
+      "  --server NAME=DESC     a server of the list (repeatable; default QVADEMO, QVATEST)\n"
+      "  --user U --password P  require this user id and password on program calls\n"
+      "  --fault MODE[:AFTER]   bend every connection's replies after AFTER messages\n"
+      "  --extra-bytes N        surplus of the oversize fault modes (default 64)\n"
+      "  --help                 this text\n"
+      "fault modes: never-answer close-before-answer close-mid-reply trickle malformed-header\n"
+      "  huge-data-length exception-flow oversize-commarea oversize-server-list\n"
+      "  channel-return-on-commarea\n",
+      out);
+}
+
+bool parseNumber(const char* text, long max, long& value) {
+  char* end = nullptr;
+  errno = 0;
+  value = std::strtol(text, &end, 10);
+  return errno == 0 && end != text && *end == '\0' && value >= 0 && value <= max;
+}
+
+int fail(const std::string& message) {
+  std::fprintf(stderr, "qva-gateway: %s\n", message.c_str());
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  qvaemu::Options options;
+  options.recordReceived = false;  // nobody reads them back, and the program may run for long
+  qvaemu::FaultPlan fault;
+  fault.everyConnection = true;
+  std::string portFile;
+
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    auto value = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
+    if (arg == "--help") {
+      usage(stdout);
+      return 0;
+    }
+    if (arg == "--log") {
+      options.logMessages = true;
+      continue;
+    }
+    const char* v = value();
+    if (!v) {
+      usage(stderr);
+      return 2;
+    }
+    long n = 0;
+    if (arg == "--listen") {
+      options.listenAddresses.emplace_back(v);
+    } else if (arg == "--port") {
+      if (!parseNumber(v, 65535, n)) return fail(std::string("bad port: ") + v);
+      options.port = static_cast<uint16_t>(n);
+    } else if (arg == "--port-file") {
+      portFile = v;
+    } else if (arg == "--server") {
+      const char* eq = std::strchr(v, '=');
+      if (!eq || eq == v) return fail(std::string("bad server (want NAME=DESCRIPTION): ") + v);
+      options.servers.push_back({std::string(v, eq), std::string(eq + 1)});
+    } else if (arg == "--user") {
+      options.userId = v;
+    } else if (arg == "--password") {
+      options.password = v;
+    } else if (arg == "--fault") {
+      std::string mode = v;
+      const auto colon = mode.find(':');
+      if (colon != std::string::npos) {
+        if (!parseNumber(mode.c_str() + colon + 1, 1000000, n)) return fail(std::string("bad fault: ") + v);
+        fault.afterMessages = static_cast<int>(n);
+        mode.resize(colon);
+      }
+      const auto f = qvaemu::faultFromName(mode);
+      if (!f) return fail("unknown fault mode: " + mode);
+      fault.fault = *f;
+    } else if (arg == "--extra-bytes") {
+      if (!parseNumber(v, 1 << 24, n)) return fail(std::string("bad byte count: ") + v);
+      fault.extraBytes = static_cast<uint32_t>(n);
+    } else {
+      usage(stderr);
+      return 2;
+    }
+  }
+
+  if (::pipe2(signalPipe, O_CLOEXEC) != 0) return fail(std::string("pipe: ") + std::strerror(errno));
+  struct sigaction sa {};
+  sa.sa_handler = onSignal;
+  sigemptyset(&sa.sa_mask);
+  sigaction(SIGINT, &sa, nullptr);
+  sigaction(SIGTERM, &sa, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+
+  qvaemu::Gateway gateway(options);
+  gateway.setFault(fault);
+  std::string error;
+  if (!gateway.start(&error)) return fail(error);
+
+  if (!portFile.empty()) {
+    FILE* f = std::fopen(portFile.c_str(), "w");
+    if (!f || std::fprintf(f, "%u\n", gateway.port()) < 0 || std::fclose(f) != 0) {
+      gateway.stop();
+      return fail("cannot write " + portFile);
+    }
+  }
+  std::printf("qva-gateway listening on port %u\n", gateway.port());
+  std::fflush(stdout);
+
+  pollfd p{signalPipe[0], POLLIN, 0};
+  while (::poll(&p, 1, -1) < 0 && errno == EINTR) {
+  }
+  gateway.stop();
+  return 0;
+}

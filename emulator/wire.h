@@ -1,0 +1,171 @@
+// The Gateway's side of the wire: one reader and one writer own the byte
+// layout; the flows in eci.cpp and gateway.cpp never touch raw bytes.
+#ifndef QVAEMU_WIRE_H
+#define QVAEMU_WIRE_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace qvaemu::wire {
+
+inline constexpr uint32_t kMagic = 0x47617465;  // "Gate"
+inline constexpr uint32_t kVersion = 0x10800000;
+inline constexpr int32_t kFlowEci = 1;
+inline constexpr int32_t kFlowHandshake = 5;
+inline constexpr int32_t kFlowException = 6;
+inline constexpr int32_t kFlowClose = 10;
+inline constexpr int32_t kCallProgram = 1;
+inline constexpr int32_t kCallProgramTpn = 12;
+inline constexpr int32_t kCallServerList = 9;
+inline constexpr size_t kHeaderFixed = 29;  // header bytes besides the name
+inline constexpr size_t kNameLengthOffset = 20;
+inline constexpr size_t kEntrySize = 70;  // one server-list entry
+
+// Appends big-endian fields to a byte vector.
+class Writer {
+ public:
+  explicit Writer(std::vector<uint8_t>& out) : out_(out) {}
+  void u8(uint8_t v) { out_.push_back(v); }
+  void i16(int16_t v);
+  void i32(int32_t v) { u32(static_cast<uint32_t>(v)); }
+  void u32(uint32_t v);
+  void bytes(std::span<const uint8_t> b) { out_.insert(out_.end(), b.begin(), b.end()); }
+  void text(const std::string& s) {
+    out_.insert(out_.end(), s.begin(), s.end());
+  }
+  void fill(size_t n, uint8_t v) { out_.insert(out_.end(), n, v); }
+
+ private:
+  std::vector<uint8_t>& out_;
+};
+
+// Reads big-endian fields from a byte range. Failure is sticky: once a read
+// would pass the end, every later read yields zeros and ok() stays false, so a
+// parser checks once, at the end.
+class Reader {
+ public:
+  explicit Reader(std::span<const uint8_t> in) : in_(in) {}
+  uint8_t u8();
+  int16_t i16();
+  int32_t i32() { return static_cast<int32_t>(u32()); }
+  uint32_t u32();
+  // n bytes; empty (and failed) when fewer remain or n is negative.
+  std::span<const uint8_t> bytes(int64_t n);
+  template <size_t N>
+  std::array<char, N> chars() {
+    std::array<char, N> a{};
+    auto b = bytes(N);
+    for (size_t i = 0; i < b.size(); ++i) a[i] = static_cast<char>(b[i]);
+    return a;
+  }
+  bool ok() const { return ok_; }
+  size_t remaining() const { return in_.size() - pos_; }
+
+ private:
+  std::span<const uint8_t> in_;
+  size_t pos_ = 0;
+  bool ok_ = true;
+};
+
+// The message header. The record keeps flowQualifier before flowReserved, but
+// the wire carries flowReserved in the fourth word and flowQualifier in the
+// fifth; encode/decode do the crossing so nothing else has to.
+struct Header {
+  uint32_t magic = kMagic;
+  uint32_t version = kVersion;
+  int32_t flowType = 0;
+  int32_t flowQualifier = 0;
+  int32_t flowReserved = 0;
+  std::string name;
+  uint8_t headerFlag = 0;
+  int32_t dataLength = 0;
+};
+
+std::vector<uint8_t> encodeHeader(const Header& h);
+// Decodes a whole header (29 + name length bytes). False if the bytes are too
+// few for the name length they carry.
+bool decodeHeader(std::span<const uint8_t> bytes, Header& h);
+// The name length word of a header's first 24 bytes.
+uint32_t peekNameLength(std::span<const uint8_t> first24);
+
+// Trims trailing blanks and NULs from a fixed-width text field.
+std::string trimField(const char* p, size_t n);
+template <size_t N>
+std::string trimField(const std::array<char, N>& a) {
+  return trimField(a.data(), N);
+}
+
+// An ECI request body, in wire order. Call types 1 and 12 share one layout;
+// 9 carries systemCount; any other call type only the always-present fields.
+struct EciRequest {
+  int32_t callType = 0;
+  int32_t extendMode = 0;
+  int32_t luwToken = 0;
+  int32_t spareInt = 0;
+  uint8_t spareByte = 0;
+  int32_t systemNameLength = 8;
+  std::array<char, 8> systemName{};
+  std::array<char, 16> userId{};
+  std::array<char, 16> password{};
+  std::array<char, 8> programName{};
+  std::array<char, 4> transId{};
+  std::vector<uint8_t> extraData;
+  int32_t commareaLength = 0;
+  bool hasRequestDataLength = false;
+  int32_t requestDataLength = 0;
+  bool hasReplyDataLength = false;
+  int32_t replyDataLength = 0;
+  std::vector<uint8_t> commarea;  // the bytes that travelled
+  bool hasChannel = false;  // channel-present byte 0xFF; the block is not parsed
+  int32_t systemCount = 0;
+  int16_t timeout = 0;
+  uint8_t trailerFlag = 0;
+  int32_t extensionMarker = -1;
+  std::vector<uint8_t> extension1, extension2;
+  int32_t trailerWord = 0;
+};
+
+bool isProgramCall(int32_t callType);
+bool carriesNoCommarea(int32_t extendMode);  // modes 2 and 4
+
+enum class ParseResult { Ok, Malformed, Channel };
+// Parses a whole body. Channel: the request carries a channel block, which is
+// left unparsed (fields after it keep their defaults). Malformed: the body is
+// too short, too long, or holds a length or flag byte that cannot be.
+ParseResult parseEciRequest(std::span<const uint8_t> body, EciRequest& req, std::string* why);
+
+// The reply to a program call (call type 1 or 12).
+struct ProgramReply {
+  int32_t callType = kCallProgram;
+  int32_t luwToken = 0;
+  int32_t spareInt = 0;
+  int32_t replyRc = 0;
+  std::array<char, 4> abendCode{};
+  int32_t commareaLength = 0;
+  uint8_t lengthPresent = 0xFF;  // 0: the client takes replyDataLength = commareaLength
+  int32_t replyDataLength = 0;
+  std::vector<uint8_t> data;  // sent unless the request's extend mode is 2 or 4
+  bool sendData = true;
+  std::vector<uint8_t> channelReturn;  // empty: channel-present byte 0
+};
+std::vector<uint8_t> encodeProgramReply(const ProgramReply& r);
+
+struct ServerListReply {
+  int32_t systemCount = 0;
+  int32_t replyRc = 0;
+  std::vector<uint8_t> entries;  // commareaLength = its size
+};
+std::vector<uint8_t> encodeServerListReply(const ServerListReply& r);
+// Name blank-padded to 8 plus a NUL, description blank-padded to 60 plus a NUL.
+void appendServerEntry(std::vector<uint8_t>& out, const std::string& name, const std::string& description);
+
+std::vector<uint8_t> encodeCallTypeOnly(int32_t callType);
+std::vector<uint8_t> encodeExceptionBody(int32_t flowType, int32_t reason);
+
+}  // namespace qvaemu::wire
+
+#endif
