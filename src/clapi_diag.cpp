@@ -31,7 +31,7 @@ std::mutex streamMutex;
 
 FILE *currentStream() { return clientAPITraceHandle != nullptr ? clientAPITraceHandle : stderr; }
 
-void writeLine(FILE *out, int point, const char *word, const char *fmt, va_list args) {
+CLAPI_PRINTF(4, 0) void writeLine(FILE *out, int point, const char *word, const char *fmt, va_list args) {
   char timeStamp[32];
   uint32_t pid = 0;
   uint32_t tid = 0;

@@ -1,0 +1,61 @@
+#!/usr/bin/env python3
+"""Writes the seed corpus: well-formed and damaged Gateway replies.
+
+The first byte of each seed picks the flow: 0 handshake, 1 close, 2 COMMAREA
+call (6: the same with extend mode 2), 3 server list."""
+import os
+import struct
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+
+
+def header(flow, name, length, magic=b"Gate"):
+    return (magic + struct.pack(">IiiiI", 0x10800000, flow, 0, 0, len(name)) + name + b"\x00" +
+            struct.pack(">i", length))
+
+
+def program_reply(data, commarea_len=100, channel=b"\x00", flag=b"\x00", reply_len=None):
+    body = struct.pack(">iiii", 1, 7, 0, 0) + b"ABCD" + struct.pack(">i", commarea_len) + flag
+    if flag != b"\x00":
+        body += b"\x00" + struct.pack(">i", len(data) if reply_len is None else reply_len)
+    return body + data + channel
+
+
+def list_reply(entries, count=None, rc=0):
+    data = b"".join(n.ljust(8).encode() + b"\x00" + d.ljust(60).encode() + b"\x00" for n, d in entries)
+    return struct.pack(">iiii", 9, len(entries) if count is None else count, rc, len(data)) + data
+
+
+seeds = {
+    "handshake_ok": b"\x00" + header(5, b"BASE", 8) + b"\x00\x02en\x00\x02GB",
+    "handshake_empty": b"\x00" + header(5, b"BASE", 0),
+    "handshake_bad_name": b"\x00" + header(5, b"XXXXXXXX", 0, magic=b"BAD!"),
+    "close_ok": b"\x01" + header(10, b"BASE", 0),
+    "close_body": b"\x01" + header(10, b"BASE", 3) + b"xyz",
+}
+body = program_reply(b"h" * 100)
+seeds["eci_echo"] = b"\x02" + header(1, b"ECI", len(body)) + body
+body = program_reply(b"h" * 10, flag=b"\xff")
+seeds["eci_short"] = b"\x02" + header(1, b"ECI", len(body)) + body
+body = program_reply(b"h" * 164, commarea_len=164, flag=b"\xff")
+seeds["eci_oversize"] = b"\x02" + header(1, b"ECI", len(body)) + body
+body = program_reply(b"h" * 100, channel=b"\xff" + b"\x00" * 30)
+seeds["eci_channel"] = b"\x02" + header(1, b"ECI", len(body)) + body
+body = program_reply(b"", flag=b"\xff", reply_len=5000)
+seeds["eci_lying_length"] = b"\x02" + header(1, b"ECI", len(body)) + body
+body = program_reply(b"")
+seeds["eci_commit"] = b"\x06" + header(1, b"ECI", len(body)) + body
+seeds["eci_exception"] = b"\x02" + header(6, b"ECI", 8) + struct.pack(">ii", 1, 4)
+seeds["eci_negative_length"] = b"\x02" + header(1, b"ECI", -5)
+seeds["eci_truncated"] = b"\x02" + header(1, b"ECI", 200) + b"\x00\x00\x00\x01"
+body = list_reply([("QVADEMO", "Demo"), ("QVATEST", "Test")])
+seeds["list_two"] = b"\x03" + header(1, b"ECI", len(body)) + body
+body = list_reply([("S%d" % i, "x") for i in range(5)])
+seeds["list_oversize"] = b"\x03" + header(1, b"ECI", len(body)) + body
+body = struct.pack(">iiii", 9, 1, 0, -70)
+seeds["list_negative"] = b"\x03" + header(1, b"ECI", len(body)) + body
+
+os.makedirs(os.path.join(HERE, "corpus"), exist_ok=True)
+for name, data in seeds.items():
+    with open(os.path.join(HERE, "corpus", name), "wb") as f:
+        f.write(data)
