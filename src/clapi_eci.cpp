@@ -126,23 +126,34 @@ void fillRequestHeader(GatewayRequest *request, char *name) {
 }
 
 // The block as the trace shows it: a copy whose password reads '*'. The
-// copy is made at every level, so that an allocation failure shows the same
-// whatever the trace level.
-int dumpEciParms(const ECI_PARMS *eciParms, const char *when) {
-  const int size = static_cast<int>(sizeof(ECI_PARMS));
-  TRACE_DEBUG(3323, "API.QVA_ECI_Execute(eciParmsSize=%d) %s Eci Stucture \n", size, when);
-  auto *copy = static_cast<ECI_PARMS *>(std::malloc(sizeof(ECI_PARMS)));
-  if (copy == nullptr) {
-    TRACE_EXC(3324, "API.QVA_ECI_Execute Failed to allocate %d bytes.\n", size);
-    return QVA_ERR_MALLOCFAIL;
+// copy is allocated at every level, so that an allocation failure shows
+// the same whatever the trace level; one copy serves both dumps of a call.
+class EciParmsDump {
+ public:
+  EciParmsDump() : copy_(static_cast<ECI_PARMS *>(std::malloc(sizeof(ECI_PARMS)))) {}
+  ~EciParmsDump() { std::free(copy_); }
+  EciParmsDump(const EciParmsDump &) = delete;
+  EciParmsDump &operator=(const EciParmsDump &) = delete;
+
+  int write(const ECI_PARMS *eciParms, const char *when) {
+    const int size = static_cast<int>(sizeof(ECI_PARMS));
+    TRACE_DEBUG(3323, "API.QVA_ECI_Execute(eciParmsSize=%d) %s Eci Stucture \n", size, when);
+    if (copy_ == nullptr) {
+      TRACE_EXC(3324, "API.QVA_ECI_Execute Failed to allocate %d bytes.\n", size);
+      return QVA_ERR_MALLOCFAIL;
+    }
+    if (traceOn(kTraceDebug)) {
+      std::memcpy(copy_, eciParms, sizeof(ECI_PARMS));
+      std::memset(copy_->eci_password, '*', sizeof copy_->eci_password);
+      clapiTraceData(3325, copy_, sizeof(ECI_PARMS), "API.QVA_ECI_Execute EciParms=%p len=%d stopword=%8.8X\n",
+                     addr(copy_), size, 0u);
+    }
+    return QVA_OK;
   }
-  std::memcpy(copy, eciParms, sizeof(ECI_PARMS));
-  std::memset(copy->eci_password, '*', sizeof copy->eci_password);
-  TRACE_DATA(3325, copy, sizeof(ECI_PARMS), "API.QVA_ECI_Execute EciParms=%p len=%d stopword=%8.8X\n", addr(copy), size,
-             0u);
-  std::free(copy);
-  return QVA_OK;
-}
+
+ private:
+  ECI_PARMS *copy_;
+};
 
 bool tpnGiven(const ECI_PARMS *eciParms) {
   static constexpr char kNoTpn[4] = {0, 0, 0, 0};
@@ -206,7 +217,8 @@ int QVA_ECI_Execute(QvaGatewayToken *gwTok, ECI_PARMS *EciParms) {
         rc = verifyEciParms(EciParms, 3);
       }
     }
-    if (EciParms != nullptr && dumpEciParms(EciParms, "Input") != QVA_OK) rc = QVA_ERR_MALLOCFAIL;
+    EciParmsDump dump;
+    if (EciParms != nullptr && dump.write(EciParms, "Input") != QVA_OK) rc = QVA_ERR_MALLOCFAIL;
     if (rc == QVA_OK) {
       char name[sizeof ECI_REQUEST_NAME];
       std::memcpy(name, ECI_REQUEST_NAME, sizeof name);
@@ -221,7 +233,7 @@ int QVA_ECI_Execute(QvaGatewayToken *gwTok, ECI_PARMS *EciParms) {
         EciParms->eci_luw_token = request.luwToken;
         rc = request.replyRc;
       }
-      dumpEciParms(EciParms, "Output");
+      dump.write(EciParms, "Output");
     }
   }
   if (traceOn(kTraceEntryExit)) {

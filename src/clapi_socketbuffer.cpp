@@ -47,6 +47,12 @@ void overwriteSecret(uint8_t *data, size_t length) {
   for (size_t i = 0; i < length; ++i) p[i] = '*';
 }
 
+// Requests carry the password: a buffer is cleared before it is released.
+int releaseBuffer(uint8_t *buffer, uint32_t bufferSize) {
+  explicit_bzero(buffer, bufferSize);
+  return clapiFree(buffer);
+}
+
 void failSocket(SocketBuffer *sockBuffer, int error) {
   sockBuffer->lastErrno = error;
   sockBuffer->failure = QVA_ERR_LOSTGWCON;
@@ -67,16 +73,17 @@ int initBuffer(SocketBuffer *sockBuffer, int socketDesc, uint32_t dataLen, bool 
   uint8_t *buffer = sockBuffer->buffer;
   uint32_t bufferSize = sockBuffer->bufferSize;
   if (wanted > bufferSize) {
-    if (buffer != nullptr) rc = clapiFree(buffer);
+    if (buffer != nullptr) {
+      rc = releaseBuffer(buffer, bufferSize);
+      // The block is gone whatever clapiFree reported about its guards.
+      sockBuffer->buffer = nullptr;
+      sockBuffer->bufferSize = 0;
+    }
     if (rc == QVA_OK) {
       buffer = static_cast<uint8_t *>(clapiMalloc(wanted, "SCKB"));
       if (buffer == nullptr) {
         rc = QVA_ERR_MALLOCFAIL;
         TRACE_EXC(base + 1, "clapi_socketbuffer.%s Failed to malloc %lu bytes for buffer\n", side, ul(wanted));
-        // The old block is already released: forget it, so that a later
-        // freeBuffer cannot release it twice.
-        sockBuffer->buffer = nullptr;
-        sockBuffer->bufferSize = 0;
       } else {
         bufferSize = wanted;
         TRACE_DEBUG(base + 2, "clapi_socketbuffer.%s Allocated new buffer of %lu bytes\n", side, ul(wanted));
@@ -441,7 +448,7 @@ int freeBuffer(SocketBuffer *sockBuffer) {
     rc = QVA_ERR_SYSTEM_ERROR;
     TRACE_EXC(1517, "clapi_socketbuffer.freeBuffer Buffer not initialized: %p\n", addr(sockBuffer));
   } else {
-    rc = clapiFree(sockBuffer->buffer);
+    rc = releaseBuffer(sockBuffer->buffer, sockBuffer->bufferSize);
   }
   *sockBuffer = SocketBuffer{};
   TRACE_EXIT(1518, "clapi_socketbuffer.freeBuffer() rc=%d\n", rc);
