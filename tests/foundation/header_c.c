@@ -1,0 +1,50 @@
+/* A C99 application that includes only the umbrella header and links the
+ * shared library. Built with -std=c99 -pedantic -Werror. */
+#include <qvaclient/qvaclient.h>
+
+#include <stddef.h>
+#include <stdio.h>
+#include <string.h>
+
+/* The packed layout on a 64-bit host: 8-byte pointers, no gaps. */
+typedef char eci_parms_is_94_bytes[(sizeof(ECI_PARMS) == 94) ? 1 : -1];
+typedef char commarea_at_50[(offsetof(ECI_PARMS, eci_commarea) == 50) ? 1 : -1];
+typedef char luw_token_at_64[(offsetof(ECI_PARMS, eci_luw_token) == 64) ? 1 : -1];
+typedef char channel_at_86[(offsetof(ECI_PARMS, eci_channel) == 86) ? 1 : -1];
+typedef char system_entry_is_70_bytes[(sizeof(QVA_SYSTEM_ENTRY) == 70) ? 1 : -1];
+
+static int failures = 0;
+
+static void check(int ok, const char *what) {
+  if (!ok) {
+    printf("FAILED: %s\n", what);
+    ++failures;
+  }
+}
+
+int main(void) {
+  char name[QVA_RC_STRING_SIZE];
+  const char *version = NULL;
+  int level = -1;
+  QvaGatewayToken *token = NULL;
+  ECI_PARMS parms;
+
+  memset(&parms, 0, sizeof parms);
+  parms.eci_call_type = ECI_SYNC;
+  parms.eci_version = ECI_VERSION_4;
+
+  check(strcmp(QVA_getRcString(QVA_ERR_TRACEFILE, name), "QVA_ERR_TRACEFILE") == 0, "QVA_getRcString");
+  check(strcmp(QVA_getRcStringECI(ECI_ERR_INVALID_NAME, name), "ECI_ERR_INVALID_NAME") == 0, "QVA_getRcStringECI");
+  check(QVA_getDLLVersion(&version) == QVA_OK && strcmp(version, "8.0.0.1") == 0, "QVA_getDLLVersion");
+  check(QVA_getAPIVersion(&version) == QVA_OK && strcmp(version, "2.1.0.0") == 0, "QVA_getAPIVersion");
+  check(QVA_setAPITraceLevel(0) == QVA_OK, "QVA_setAPITraceLevel");
+  check(QVA_getAPITraceLevel(&level) == QVA_OK && level == 0, "QVA_getAPITraceLevel");
+  QVA_setAPITraceDataOffset(0);
+  QVA_setAPITraceDataLength(128);
+  check(QVA_closeGatewayConnection(NULL) == QVA_ERR_NULLGWTOKPTR, "QVA_closeGatewayConnection(NULL)");
+  check(QVA_closeGatewayConnection(&token) == QVA_ERR_NULLGWTOK, "QVA_closeGatewayConnection(&NULL)");
+  check(QVA_ECI_Execute(NULL, &parms) == QVA_ERR_NULLGWTOK, "QVA_ECI_Execute(NULL token)");
+
+  printf("%d failed\n", failures);
+  return failures == 0 ? 0 : 1;
+}
