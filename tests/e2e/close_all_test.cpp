@@ -1,0 +1,155 @@
+// Closing every connection at once, the runaway limit of the token list, and
+// the token list as QVA_dumpState shows it.
+#include <unistd.h>
+
+#include "e2e_support.h"
+
+using namespace e2e;
+
+namespace {
+
+class CloseAllTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    E2E_START(gw_);
+    ASSERT_TRUE(tokenListEmpty());
+  }
+  void TearDown() override {
+    // Whatever a failed test left behind must not reach the next one.
+    while (!tokenListEmpty() && QVA_closeAllGatewayConnections() != QVA_OK) {
+    }
+  }
+
+  // Opens n connections; their tokens are kept only by the list.
+  void openMany(size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+      QvaGatewayToken* tok = nullptr;
+      ASSERT_EQ(QVA_openRemoteGatewayConnection(kLoopback, gw_.port(), &tok, 5), QVA_OK) << i;
+    }
+  }
+
+  bool sawCloseRequest(size_t connection) {
+    const Bytes got = gw_.received(connection);
+    return got.size() == 88 && slice(got, 55, 33) == closeBytes();
+  }
+
+  qvaemu::Gateway gw_;
+};
+
+const std::regex& entryLine() {
+  static const std::regex re(
+      R"(Gateway Token List entry -(\d{4})- : GatwayToken\((0x[0-9a-f]+)\) eyecatcher\(QVAGWTOK\) port\((\d+)\) connStatus\(1\) socket\((\d+)\) owningPid\(([0-9A-F]{8})\) owningTid\([0-9A-F]{8}\) nextGwyTokPtr\((0x[0-9a-f]+|\(nil\))\))");
+  return re;
+}
+
+TEST_F(CloseAllTest, OnAnEmptyListItReturnsOkAndSaysSoOnlyInTheTrace) {
+  {
+    TraceCapture trace(2);
+    EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_OK);
+    const auto lines = traceLines(trace.finish());
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].point, 2171);
+    EXPECT_EQ(lines[0].word, "EVENT");
+    EXPECT_EQ(lines[0].message, "clapi_qva_gwytok.clapiDeleteGatewayTokens() GTL is EMPTY");
+    EXPECT_EQ(lines[1].point, 1134);
+    EXPECT_EQ(lines[1].word, "EVENT");
+    EXPECT_EQ(lines[1].message, "API.QVA_closeAllGatewayConnections Closed all Gateway connections");
+  }
+  TraceCapture trace(3);
+  EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_OK);
+  const auto lines = traceLines(trace.finish());
+  const auto exit = std::find_if(lines.begin(), lines.end(), [](const TraceLine& l) { return l.point == 1008; });
+  ASSERT_NE(exit, lines.end());
+  EXPECT_EQ(exit->word, "EXIT");
+  EXPECT_EQ(exit->message, "API.QVA_closeAllGatewayConnections() gwyTokRc=1006, rc=0 QVA_OK");
+}
+
+TEST_F(CloseAllTest, DumpStateListsEveryTokenThenTheTotal) {
+  QvaGatewayToken* first = nullptr;
+  QvaGatewayToken* second = nullptr;
+  ASSERT_EQ(QVA_openRemoteGatewayConnection(kLoopback, gw_.port(), &first, 5), QVA_OK);
+  ASSERT_EQ(QVA_openRemoteGatewayConnection(kLoopback, gw_.port(), &second, 0), QVA_OK);
+  TraceCapture trace(0);
+  EXPECT_EQ(QVA_dumpState(), QVA_OK);
+  const auto lines = linesOf(trace.finish());
+
+  const std::string dashes(80, '-');
+  char pid[16];
+  std::snprintf(pid, sizeof pid, "%8.8X", static_cast<unsigned>(getpid()));
+  std::vector<std::string> body;
+  bool inDump = false;
+  for (const auto& l : lines) {
+    if (l == "Gateway Token List dump") inDump = true;
+    if (inDump) body.push_back(l);
+  }
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines.front(), "qvaclient state dump: DLL Version=8.0.0.1 Trace Level=0 clientAPITraceFile=" + trace.path());
+  ASSERT_EQ(body.size(), 6u) << "\n" << trace.finish();
+  EXPECT_EQ(body[1], dashes);
+  std::smatch m1, m2;
+  ASSERT_TRUE(std::regex_match(body[2], m1, entryLine())) << body[2];
+  ASSERT_TRUE(std::regex_match(body[3], m2, entryLine())) << body[3];
+  EXPECT_EQ(m1[1].str(), "0001");
+  EXPECT_EQ(m2[1].str(), "0002");
+  char address[32];
+  std::snprintf(address, sizeof address, "%p", static_cast<void*>(first));
+  EXPECT_EQ(m1[2].str(), address);
+  std::snprintf(address, sizeof address, "%p", static_cast<void*>(second));
+  EXPECT_EQ(m2[2].str(), address);
+  EXPECT_EQ(m1[6].str(), address);  // first links to second
+  EXPECT_EQ(m2[6].str(), "(nil)");
+  EXPECT_EQ(m1[3].str(), std::to_string(gw_.port()));
+  EXPECT_EQ(m1[5].str(), pid);
+  EXPECT_NE(m1[4].str(), m2[4].str());
+  EXPECT_EQ(body[4], "Total number of Gateway Token List entries=2");
+  EXPECT_EQ(body[5], dashes);
+
+  EXPECT_EQ(QVA_closeGatewayConnection(&first), QVA_OK);
+  EXPECT_EQ(QVA_closeGatewayConnection(&second), QVA_OK);
+  const auto empty = linesOf(dumpState());
+  ASSERT_EQ(empty.size(), 2u);
+  EXPECT_EQ(empty[1], "The Gateway Token List is EMPTY");
+}
+
+TEST_F(CloseAllTest, With257TokensItDeletes256AndReportsTheRunawayLimit) {
+  openMany(257);
+  ASSERT_FALSE(HasFatalFailure());
+  EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_ERR_BADGWTOKLIST);
+  // The oldest 256 went, each with its close request; the newest stays open.
+  for (size_t i = 0; i < 256; ++i) {
+    ASSERT_TRUE(gw_.waitForClosed(i, kPatience)) << i;
+    EXPECT_TRUE(sawCloseRequest(i)) << i;
+  }
+  EXPECT_EQ(gw_.received(256), handshakeBytes());
+  const std::string state = dumpState();
+  EXPECT_NE(state.find("Gateway Token List entry -0001- : GatwayToken("), std::string::npos);
+  EXPECT_EQ(state.find("Gateway Token List entry -0002-"), std::string::npos);
+  EXPECT_NE(state.find("Total number of Gateway Token List entries=1\n"), std::string::npos);
+
+  EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_OK);
+  ASSERT_TRUE(gw_.waitForClosed(256, kPatience));
+  EXPECT_TRUE(sawCloseRequest(256));
+  EXPECT_TRUE(tokenListEmpty());
+}
+
+TEST_F(CloseAllTest, WithExactly256TokensItAlsoReportsTheRunawayLimit) {
+  openMany(256);
+  ASSERT_FALSE(HasFatalFailure());
+  TraceCapture trace(3);
+  EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_ERR_BADGWTOKLIST);
+  const auto lines = traceLines(trace.finish());
+  auto find = [&](int point) {
+    return std::find_if(lines.begin(), lines.end(), [point](const TraceLine& l) { return l.point == point; });
+  };
+  ASSERT_NE(find(2173), lines.end());
+  EXPECT_EQ(find(2173)->message, "clapi_qva_gwytok.clapiDeleteGatewayTokensGTL iteration has hit RUNAWAY limit 256.....");
+  ASSERT_NE(find(2174), lines.end());
+  EXPECT_EQ(find(2174)->message, "clapi_qva_gwytok.clapiDeleteGatewayTokens() Entries deleted=256 rc=1005");
+  ASSERT_NE(find(1008), lines.end());
+  EXPECT_EQ(find(1008)->message, "API.QVA_closeAllGatewayConnections() gwyTokRc=1005, rc=-115 QVA_ERR_BADGWTOKLIST");
+  for (size_t i = 0; i < 256; ++i) ASSERT_TRUE(gw_.waitForClosed(i, kPatience)) << i;
+  EXPECT_TRUE(tokenListEmpty());
+  EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_OK);
+}
+
+}  // namespace
