@@ -312,6 +312,12 @@ class Server {
   Server(Gateway::Impl& g, Connection& c, int fd)
       : g_(g), c_(c), fd_(fd), session_(g.config, g.tokenSource) {}
 
+  bool faultApplies(size_t message) const {
+    const auto first = static_cast<size_t>(std::max(0, c_.plan.afterMessages));
+    if (c_.plan.fault == Fault::None || message < first) return false;
+    return c_.plan.messages <= 0 || message < first + static_cast<size_t>(c_.plan.messages);
+  }
+
   void run() {
     size_t message = 0;
     bool silent = false;
@@ -319,7 +325,7 @@ class Server {
       wire::Header h;
       std::vector<uint8_t> body;
       if (!readMessage(h, body)) return;
-      const bool faulty = c_.plan.fault != Fault::None && message >= static_cast<size_t>(std::max(0, c_.plan.afterMessages));
+      const bool faulty = faultApplies(message);
       ++message;
       Reply reply = answer(h, body, faulty);
       if (silent) continue;

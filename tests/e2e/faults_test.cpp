@@ -242,6 +242,24 @@ TEST_F(FaultsTest, AnExceptionFlowIsAGatewayExceptionAndKeepsTheConnectionInStep
   EXPECT_EQ(messages[4], closeBytes());
 }
 
+TEST_F(FaultsTest, TheCallAfterAGatewayExceptionSucceeds) {
+  qvaemu::FaultPlan plan = faultPlan(Fault::ExceptionFlow, 1);
+  plan.messages = 1;
+  gw_.setFault(plan);
+  const Outcome o = runBounded(gw_, [this] {
+    return converse([](QvaGatewayToken* tok, std::vector<int>& rcs) {
+      GuardedArea area(5);
+      rcs.push_back(echo(tok, area, "first"));
+      rcs.push_back(echo(tok, area, "again"));
+      EXPECT_EQ(area.text(), "again");
+      EXPECT_TRUE(area.guardIntact());
+    });
+  });
+  ASSERT_EQ(o.open, QVA_OK);
+  EXPECT_EQ(o.rcs, (std::vector<int>{QVA_ERR_GATEWAY_EXCEPTION, QVA_OK}));
+  expectClosedCleanly(o);
+}
+
 // ---- A Gateway that sends more than the caller holds ------------------------------------------
 
 TEST_F(FaultsTest, AnOversizeCommareaIsCutAtTheCallersLength) {

@@ -69,6 +69,7 @@ struct FaultPlan {
   // apply to: the oversize and channel-return modes only touch ECI replies of
   // their call type, the others touch any reply.
   int afterMessages = 0;
+  int messages = 0;  // how many messages the fault bends from then on; 0: every one
   uint32_t extraBytes = 64;  // for the oversize modes
   bool everyConnection = false;  // false: only the next connection accepted after setFault()
 };
