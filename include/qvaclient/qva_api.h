@@ -83,9 +83,10 @@ QVA_API int QVA_closeAllGatewayConnections(void);
 QVA_API int QVA_ECI_Execute(QvaGatewayToken *gwTok, ECI_PARMS *EciParms);
 
 /* Lists the servers the Gateway knows. *Systems holds the number of entries
- * that List can take and receives the number the Gateway reports. The
- * library never writes past *Systems entries: when the Gateway sends more,
- * they are read and dropped and the call returns QVA_ERR_MORE_SYSTEMS. */
+ * that List can take and receives the number of servers the Gateway reports.
+ * The library never writes past the entries List can take: when the Gateway
+ * sends more, they are read and dropped. With QVA_ERR_MORE_SYSTEMS, *Systems
+ * may exceed what List holds: only the entries List can take are filled. */
 QVA_API int QVA_listSystems(QvaGatewayToken *gwTok, unsigned short *Systems, QVA_SYSTEM_ENTRY *List);
 
 #ifdef __cplusplus
