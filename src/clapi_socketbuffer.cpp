@@ -19,11 +19,14 @@ const void *addr(const void *p) { return p; }
 unsigned long ul(uint32_t value) { return value; }
 
 // A send that takes part of a block is continued, and EINTR is retried.
-// Returns the bytes sent, or -1 with errno set.
-ssize_t sendAll(int socketDesc, const uint8_t *data, size_t length) {
+// Returns the bytes sent, or -1 with errno set. `more` is MSG_MORE when
+// further bytes of the same message follow at once: the pieces of one
+// request then leave in one push instead of a segment each, so the Gateway
+// wakes once per request.
+ssize_t sendAll(int socketDesc, const uint8_t *data, size_t length, int more = 0) {
   size_t sent = 0;
   while (sent < length) {
-    ssize_t rc = send(socketDesc, data + sent, length - sent, MSG_NOSIGNAL);
+    ssize_t rc = send(socketDesc, data + sent, length - sent, MSG_NOSIGNAL | more);
     if (rc < 0 && errno == EINTR) continue;
     if (rc < 1) return -1;
     sent += static_cast<size_t>(rc);
@@ -52,6 +55,8 @@ int releaseBuffer(uint8_t *buffer, uint32_t bufferSize) {
   explicit_bzero(buffer, bufferSize);
   return clapiFree(buffer);
 }
+
+int flush(SocketBuffer *sockBuffer, int more);
 
 void failSocket(SocketBuffer *sockBuffer, int error) {
   sockBuffer->lastErrno = error;
@@ -199,7 +204,8 @@ void writeBytes(SocketBuffer *sockBuffer, const void *data, uint32_t dataLen) {
   if (sockBuffer->bytesInBuffer + dataLen > sockBuffer->bufferSize) {
     TRACE_DEBUG(1561, "clapi_socketbuffer.writeBytes Insufficient space in buffer %p to write %lu bytes\n",
                 addr(sockBuffer), ul(dataLen));
-    done = flushBuffer(sockBuffer) != QVA_OK;
+    // A block too large for the buffer is sent right behind these bytes.
+    done = flush(sockBuffer, dataLen > sockBuffer->bufferSize ? MSG_MORE : 0) != QVA_OK;
   }
   if (!done && dataLen > sockBuffer->bufferSize) {
     // Too large for the buffer: sent straight from the caller's memory.
@@ -207,7 +213,10 @@ void writeBytes(SocketBuffer *sockBuffer, const void *data, uint32_t dataLen) {
                 addr(sockBuffer), sockBuffer->socketDesc);
     TRACE_DATA(1563, data, dataLen, "clapi_socketbuffer.writeBytes data=%p len=%d stopword=%8.8X\n", data,
                static_cast<int>(dataLen), 0u);
-    ssize_t sent = sendAll(sockBuffer->socketDesc, static_cast<const uint8_t *>(data), dataLen);
+    // The message's own length tells whether more of it follows the block;
+    // the flow's last flushBuffer sends that rest and ends the push.
+    const int more = sockBuffer->bytesRemaining > dataLen ? MSG_MORE : 0;
+    ssize_t sent = sendAll(sockBuffer->socketDesc, static_cast<const uint8_t *>(data), dataLen, more);
     if (sent < 1) {
       failSocket(sockBuffer, errno);
       TRACE_EXC(1565, "clapi_socketbuffer.writeBytes Unable to send data to Gateway: errno=%d\n",
@@ -242,7 +251,11 @@ void writeBytesMasked(SocketBuffer *sockBuffer, const void *data, uint32_t dataL
   put(sockBuffer, static_cast<const uint8_t *>(data), dataLen);
 }
 
-int flushBuffer(SocketBuffer *sockBuffer) {
+namespace {
+
+// flushBuffer, for a caller that may know that more of the message follows
+// at once (`more` = MSG_MORE).
+int flush(SocketBuffer *sockBuffer, int more) {
   TRACE_ENTRY(1525, "clapi_socketbuffer.flushBuffer(sockBuffer=%p)\n", addr(sockBuffer));
   int rc = QVA_OK;
   if (bufferFailed(sockBuffer)) {
@@ -265,7 +278,7 @@ int flushBuffer(SocketBuffer *sockBuffer) {
         overwriteSecret(saved, maskedLength);
       }
     }
-    ssize_t sent = sendAll(sockBuffer->socketDesc, sockBuffer->buffer, sockBuffer->bytesInBuffer);
+    ssize_t sent = sendAll(sockBuffer->socketDesc, sockBuffer->buffer, sockBuffer->bytesInBuffer, more);
     if (sent < 1) {
       failSocket(sockBuffer, errno);
       TRACE_EXC(1528, "clapi_socketbuffer.flushBuffer Unable to send data to Gateway: errno=%d\n",
@@ -284,6 +297,10 @@ int flushBuffer(SocketBuffer *sockBuffer) {
   TRACE_EXIT(1529, "clapi_socketbuffer.flushBuffer() rc=%d\n", rc);
   return rc;
 }
+
+}  // namespace
+
+int flushBuffer(SocketBuffer *sockBuffer) { return flush(sockBuffer, 0); }
 
 int waitForResponse(SocketBuffer *sockBuffer) {
   TRACE_ENTRY(1522, "clapi_socketbuffer.waitForResponse(sockBuffer=%p)\n", addr(sockBuffer));

@@ -1,0 +1,506 @@
+// One ECI program call round trip through the library, against the
+// in-process Gateway emulator, beside a raw-socket client that sends the
+// same bytes on its own connection: the difference is what the library
+// costs. Before anything is timed, both clients' requests are checked byte
+// for byte against the wire layout on a recording emulator.
+
+#include <benchmark/benchmark.h>
+#include <sched.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "alloc_counter.h"
+#include "qvaclient/qvaclient.h"
+#include "qvaemu/gateway.h"
+#include "raw_eci_client.h"
+
+namespace {
+
+using bench::Bytes;
+using namespace std::chrono_literals;
+
+constexpr int kSizes[] = {100, 4096, 32767};
+
+// Heap allocations one successful QVA_ECI_Execute makes with the trace off:
+// the socket buffer (one for the whole flow, reused by the reply) and the
+// masked copy of the parameter block that serves the input and the output
+// dump, allocated whatever the trace level.
+constexpr uint64_t kExpectedAllocsPerCall = 2;
+
+constexpr int kAllocationCalls = 1000;
+
+constexpr int kLastAllowedCpu = -2;  // --bench_cpu not given
+
+// Defaults for a full run on two cores in well under two minutes; a flag on
+// the command line wins.
+const char *const kDefaultFlags[] = {"--benchmark_repetitions=10", "--benchmark_min_time=0.2",
+                                     "--benchmark_enable_random_interleaving=true"};
+
+void field(char *dst, size_t size, const char *text) {
+  std::memset(dst, ' ', size);
+  std::memcpy(dst, text, std::min(size, std::strlen(text)));
+}
+
+bench::ProgramCall programCall() {
+  bench::ProgramCall call{};
+  field(call.systemName, sizeof call.systemName, "QVADEMO");
+  field(call.userId, sizeof call.userId, "BENCHUSR");
+  field(call.password, sizeof call.password, "s3cret");
+  field(call.programName, sizeof call.programName, "ECHO");
+  field(call.transId, sizeof call.transId, "");
+  return call;
+}
+
+Bytes payload(int size) {
+  Bytes data(static_cast<size_t>(size));
+  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>('A' + i % 26);
+  return data;
+}
+
+// What one size needs on each side: the library's parameter block and
+// COMMAREA, the raw client's request template and COMMAREA.
+struct Workload {
+  explicit Workload(int size) : data(payload(size)), libCommarea(data), rawCommarea(data) {
+    const bench::ProgramCall call = programCall();
+    std::memset(&parms, 0, sizeof parms);
+    parms.eci_call_type = ECI_SYNC;
+    parms.eci_version = ECI_VERSION_4;
+    parms.eci_extend_mode = ECI_NO_EXTEND;
+    std::memcpy(parms.eci_program_name, call.programName, 8);
+    std::memcpy(parms.eci_userid, call.userId, 16);
+    std::memcpy(parms.eci_password, call.password, 16);
+    std::memcpy(parms.eci_transid, call.transId, 4);
+    std::memcpy(parms.eci_system_name, call.systemName, 8);
+    parms.eci_commarea = libCommarea.data();
+    parms.eci_commarea_length = static_cast<short>(size);
+    request = bench::buildProgramRequest(call, data);
+  }
+
+  Bytes data;
+  Bytes libCommarea;
+  Bytes rawCommarea;
+  ECI_PARMS parms;
+  Bytes request;
+};
+
+// ---- Checking the wire before timing it --------------------------------------
+
+void printMismatch(const char *who, const Bytes &got, const Bytes &want) {
+  size_t at = 0;
+  while (at < got.size() && at < want.size() && got[at] == want[at]) ++at;
+  std::fprintf(stderr, "bench_eci: %s sent %zu bytes, the wire layout gives %zu; first difference at offset %zu\n",
+               who, got.size(), want.size(), at);
+  const size_t from = at >= 8 ? at - 8 : 0;
+  for (const auto *side : {"sent", "want"}) {
+    const Bytes &b = side[0] == 's' ? got : want;
+    std::fprintf(stderr, "  %s:", side);
+    for (size_t i = from; i < std::min(b.size(), from + 24); ++i) std::fprintf(stderr, " %02X", b[i]);
+    std::fprintf(stderr, "\n");
+  }
+}
+
+bool checkReceived(const qvaemu::Gateway &gateway, size_t connection, const char *who, const Bytes &want) {
+  if (!gateway.waitForReceived(connection, want.size(), 10s)) {
+    std::fprintf(stderr, "bench_eci: %s: the emulator got %zu of %zu bytes within 10 s\n", who,
+                 gateway.received(connection).size(), want.size());
+    return false;
+  }
+  const Bytes got = gateway.received(connection);
+  if (got != want) {
+    printMismatch(who, got, want);
+    return false;
+  }
+  return true;
+}
+
+bool checkAllocCounter() {
+  if (!allocCounterAvailable()) return true;
+  // Through a volatile pointer, so that the pair cannot be optimised away.
+  void *(*volatile allocate)(size_t) = std::malloc;
+  allocCounterStart();
+  void *p = allocate(16);
+  const uint64_t counted = allocCounterStop();
+  std::free(p);
+  if (counted != 1) {
+    std::fprintf(stderr, "bench_eci: the allocation counter saw %" PRIu64 " allocations for one malloc\n", counted);
+    return false;
+  }
+  return true;
+}
+
+// Runs every size once through each client against a recording emulator:
+// both must send exactly the bytes the wire layout gives, and both must get
+// the COMMAREA echoed back.
+bool checkWire() {
+  qvaemu::Options options;
+  options.recordReceived = true;
+  qvaemu::Gateway gateway(options);
+  std::string error;
+  if (!gateway.start(&error)) {
+    std::fprintf(stderr, "bench_eci: recording emulator: %s\n", error.c_str());
+    return false;
+  }
+
+  Bytes want(bench::kHandshakeRequest, bench::kHandshakeRequest + sizeof bench::kHandshakeRequest);
+  for (int size : kSizes) {
+    Workload w(size);
+    want.insert(want.end(), w.request.begin(), w.request.end());
+  }
+
+  bool ok = true;
+  QvaGatewayToken *gw = nullptr;
+  int rc = QVA_openRemoteGatewayConnection("127.0.0.1", gateway.port(), &gw, 10);
+  if (rc != QVA_OK) {
+    std::fprintf(stderr, "bench_eci: library connection to the recording emulator: rc=%d\n", rc);
+    return false;
+  }
+  for (int size : kSizes) {
+    Workload w(size);
+    rc = QVA_ECI_Execute(gw, &w.parms);
+    if (rc != QVA_OK || w.libCommarea != w.data) {
+      std::fprintf(stderr, "bench_eci: library call of %d bytes: rc=%d, COMMAREA %s\n", size, rc,
+                   w.libCommarea == w.data ? "echoed" : "not echoed");
+      ok = false;
+    }
+  }
+  ok = checkReceived(gateway, 0, "the library", want) && ok;
+  QVA_closeGatewayConnection(&gw);
+
+  bench::RawClient raw;
+  if (!raw.open(gateway.port(), &error)) {
+    std::fprintf(stderr, "bench_eci: raw connection to the recording emulator: %s\n", error.c_str());
+    return false;
+  }
+  for (int size : kSizes) {
+    Workload w(size);
+    const int32_t replyRc = raw.call(w.request, w.rawCommarea.data(), w.rawCommarea.size());
+    if (replyRc != 0 || w.rawCommarea != w.data) {
+      std::fprintf(stderr, "bench_eci: raw call of %d bytes: rc=%d, COMMAREA %s\n", size, replyRc,
+                   w.rawCommarea == w.data ? "echoed" : "not echoed");
+      ok = false;
+    }
+  }
+  ok = checkReceived(gateway, 1, "the raw client", want) && ok;
+  return ok;
+}
+
+// ---- The benchmarked connections ---------------------------------------------
+
+struct Connections {
+  std::unique_ptr<qvaemu::Gateway> gateway;
+  QvaGatewayToken *gw = nullptr;  // opened by the thread that runs the benchmarks
+  bench::RawClient raw;
+  std::map<int, std::unique_ptr<Workload>> workloads;
+
+  Workload &workload(int size) {
+    auto &w = workloads[size];
+    if (!w) w = std::make_unique<Workload>(size);
+    return *w;
+  }
+};
+
+Connections *connections = nullptr;
+
+bool openConnections() {
+  auto c = std::make_unique<Connections>();
+  qvaemu::Options options;
+  options.recordReceived = false;
+  c->gateway = std::make_unique<qvaemu::Gateway>(options);
+  std::string error;
+  if (!c->gateway->start(&error)) {
+    std::fprintf(stderr, "bench_eci: emulator: %s\n", error.c_str());
+    return false;
+  }
+  const int rc = QVA_openRemoteGatewayConnection("127.0.0.1", c->gateway->port(), &c->gw, 10);
+  if (rc != QVA_OK) {
+    std::fprintf(stderr, "bench_eci: library connection: rc=%d\n", rc);
+    return false;
+  }
+  if (!c->raw.open(c->gateway->port(), &error)) {
+    std::fprintf(stderr, "bench_eci: raw connection: %s\n", error.c_str());
+    return false;
+  }
+  connections = c.release();
+  return true;
+}
+
+void closeConnections() {
+  if (connections == nullptr) return;
+  QVA_closeGatewayConnection(&connections->gw);
+  connections->raw.close();
+  connections->gateway->stop();
+  delete connections;
+  connections = nullptr;
+}
+
+bool libraryCall(benchmark::State &state, Workload &w) {
+  const int rc = QVA_ECI_Execute(connections->gw, &w.parms);
+  if (rc != QVA_OK) {
+    state.SkipWithError(("QVA_ECI_Execute rc=" + std::to_string(rc)).c_str());
+    return false;
+  }
+  return true;
+}
+
+bool rawCall(benchmark::State &state, Workload &w) {
+  const int32_t rc = connections->raw.call(w.request, w.rawCommarea.data(), w.rawCommarea.size());
+  if (rc != 0) {
+    state.SkipWithError(("raw call rc=" + std::to_string(rc)).c_str());
+    return false;
+  }
+  return true;
+}
+
+void setBytes(benchmark::State &state, int size) {
+  // Both directions carry the COMMAREA.
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * 2 * size);
+}
+
+// ---- Benchmarks ----------------------------------------------------------------
+
+void BM_Library(benchmark::State &state) {
+  const int size = static_cast<int>(state.range(0));
+  Workload &w = connections->workload(size);
+  for (auto _ : state) {
+    if (!libraryCall(state, w)) break;
+  }
+  setBytes(state, size);
+}
+
+void BM_Raw(benchmark::State &state) {
+  const int size = static_cast<int>(state.range(0));
+  Workload &w = connections->workload(size);
+  for (auto _ : state) {
+    if (!rawCall(state, w)) break;
+  }
+  setBytes(state, size);
+}
+
+double median(std::vector<double> &v) {
+  if (v.empty()) return 0;
+  const auto mid = v.begin() + static_cast<std::ptrdiff_t>(v.size() / 2);
+  std::nth_element(v.begin(), mid, v.end());
+  return *mid;
+}
+
+// Both clients in turns, each call timed on its own: slow drifts of the
+// machine hit both alike, so their ratio is steadier than that of two
+// separate runs. The order alternates so that neither always goes first.
+void BM_Paired(benchmark::State &state) {
+  const int size = static_cast<int>(state.range(0));
+  Workload &w = connections->workload(size);
+  std::vector<double> lib, raw;
+  lib.reserve(static_cast<size_t>(state.max_iterations));
+  raw.reserve(static_cast<size_t>(state.max_iterations));
+  using Clock = std::chrono::steady_clock;
+  bool libraryFirst = true;
+  for (auto _ : state) {
+    for (int turn = 0; turn < 2; ++turn) {
+      const bool library = (turn == 0) == libraryFirst;
+      const auto start = Clock::now();
+      if (!(library ? libraryCall(state, w) : rawCall(state, w))) return;
+      const std::chrono::duration<double, std::micro> took = Clock::now() - start;
+      (library ? lib : raw).push_back(took.count());
+    }
+    libraryFirst = !libraryFirst;
+  }
+  const double libMedian = median(lib);
+  const double rawMedian = median(raw);
+  state.counters["lib_us"] = libMedian;
+  state.counters["raw_us"] = rawMedian;
+  state.counters["ratio"] = rawMedian > 0 ? libMedian / rawMedian : 0;
+}
+
+// The heap allocations of the calling thread inside QVA_ECI_Execute; the
+// emulator's threads are not counted.
+void BM_LibraryAllocations(benchmark::State &state) {
+  if (!allocCounterAvailable()) {
+    state.SkipWithError("allocation counting needs malloc interposed (not in sanitizer builds)");
+    return;
+  }
+  const int size = static_cast<int>(state.range(0));
+  Workload &w = connections->workload(size);
+  if (QVA_ECI_Execute(connections->gw, &w.parms) != QVA_OK) {  // any one-time set-up is not counted
+    state.SkipWithError("warm-up call failed");
+    return;
+  }
+  uint64_t allocations = 0;
+  for (auto _ : state) {
+    allocCounterStart();
+    const int rc = QVA_ECI_Execute(connections->gw, &w.parms);
+    allocations += allocCounterStop();
+    if (rc != QVA_OK) {
+      state.SkipWithError(("QVA_ECI_Execute rc=" + std::to_string(rc)).c_str());
+      return;
+    }
+  }
+  const double perCall = static_cast<double>(allocations) / static_cast<double>(state.iterations());
+  state.counters["allocs_per_call"] = perCall;
+  if (allocations != kExpectedAllocsPerCall * static_cast<uint64_t>(state.iterations())) {
+    char message[128];
+    std::snprintf(message, sizeof message, "%.3f heap allocations per call, expected %" PRIu64, perCall,
+                  kExpectedAllocsPerCall);
+    state.SkipWithError(message);
+  }
+}
+
+void sizes(benchmark::internal::Benchmark *b) {
+  for (int size : kSizes) b->Arg(size);
+}
+
+BENCHMARK(BM_Library)->Apply(sizes)->UseRealTime()->Unit(benchmark::kMicrosecond)->ReportAggregatesOnly(true);
+BENCHMARK(BM_Raw)->Apply(sizes)->UseRealTime()->Unit(benchmark::kMicrosecond)->ReportAggregatesOnly(true);
+BENCHMARK(BM_Paired)->Apply(sizes)->UseRealTime()->Unit(benchmark::kMicrosecond)->ReportAggregatesOnly(true);
+BENCHMARK(BM_LibraryAllocations)
+    ->Apply(sizes)
+    ->Iterations(kAllocationCalls)
+    ->Repetitions(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kMicrosecond);
+
+// ---- Reporting -----------------------------------------------------------------
+
+// The console report, followed by a table of the library's median beside
+// the raw client's for each size.
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run> &reports) override {
+    ConsoleReporter::ReportRuns(reports);
+    for (const Run &run : reports) {
+      if (run.error_occurred || run.run_type != Run::RT_Aggregate || run.aggregate_name != "median") continue;
+      const int size = std::atoi(run.run_name.args.c_str());
+      const std::string &name = run.run_name.function_name;
+      if (name == "BM_Library") library_[size] = run.GetAdjustedRealTime();
+      if (name == "BM_Raw") raw_[size] = run.GetAdjustedRealTime();
+      if (name == "BM_Paired" && run.counters.count("ratio") != 0) paired_[size] = run.counters.at("ratio");
+    }
+  }
+
+  void Finalize() override {
+    ConsoleReporter::Finalize();
+    if (library_.empty() && raw_.empty() && paired_.empty()) return;
+    std::printf("\nMedian round trip, microseconds (library / raw client)\n");
+    std::printf("%10s %12s %12s %8s %14s\n", "COMMAREA", "library", "raw", "ratio", "paired ratio");
+    for (int size : kSizes) {
+      const bool both = library_.count(size) != 0 && raw_.count(size) != 0;
+      if (!both && paired_.count(size) == 0) continue;
+      std::printf("%10d", size);
+      if (both) {
+        std::printf(" %12.2f %12.2f %8.3f", library_[size], raw_[size], library_[size] / raw_[size]);
+      } else {
+        std::printf(" %12s %12s %8s", "-", "-", "-");
+      }
+      if (paired_.count(size) != 0) {
+        std::printf(" %14.3f\n", paired_[size]);
+      } else {
+        std::printf(" %14s\n", "-");
+      }
+    }
+    std::fflush(stdout);
+  }
+
+ private:
+  std::map<int, double> library_, raw_, paired_;
+};
+
+// The value of --name=value on the command line, or null.
+const char *flagValue(int argc, char **argv, const char *flag) {
+  const size_t n = static_cast<size_t>(std::strchr(flag, '=') - flag + 1);
+  const char *value = nullptr;
+  for (int i = 1; i < argc; ++i)
+    if (std::strncmp(argv[i], flag, n) == 0) value = argv[i] + n;
+  return value;
+}
+
+// Keeps the client and every emulator thread on one CPU (they inherit the
+// calling thread's affinity, so this must run before the emulator starts).
+// On a virtual machine a wake-up sent to another, idle CPU costs tens of
+// microseconds, and whether it happens depends on where the scheduler put
+// each connection's thread: unpinned medians flip between two modes from
+// run to run and hide the library's own cost. -1 leaves placement alone.
+// Returns the CPU used, or -1.
+int pinToCpu(int wanted) {
+  if (wanted == -1) return -1;
+  int cpu = wanted;
+  if (cpu == kLastAllowedCpu) {
+    cpu_set_t allowed;
+    CPU_ZERO(&allowed);
+    if (sched_getaffinity(0, sizeof allowed, &allowed) != 0) return -1;
+    for (int i = 0; i < CPU_SETSIZE; ++i)
+      if (CPU_ISSET(i, &allowed)) cpu = i;
+  }
+  if (cpu < 0 || cpu >= CPU_SETSIZE) {
+    std::fprintf(stderr, "bench_eci: no CPU %d; placement left to the scheduler\n", cpu);
+    return -1;
+  }
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(cpu, &one);
+  if (sched_setaffinity(0, sizeof one, &one) != 0) {
+    std::fprintf(stderr, "bench_eci: cannot pin to CPU %d; placement left to the scheduler\n", cpu);
+    return -1;
+  }
+  return cpu;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  // --bench_cpu=N pins to CPU N, --bench_cpu=-1 does not pin; the default is
+  // the last CPU the process may use. Taken out before Google Benchmark
+  // parses its own flags.
+  int wantedCpu = kLastAllowedCpu;
+  std::vector<char *> own;
+  for (int i = 0; i < argc; ++i) {
+    if (i > 0 && std::strncmp(argv[i], "--bench_cpu=", 12) == 0) {
+      wantedCpu = std::atoi(argv[i] + 12);
+    } else {
+      own.push_back(argv[i]);
+    }
+  }
+  argc = static_cast<int>(own.size());
+  argv = own.data();
+  std::vector<char *> args(argv, argv + argc);
+  for (const char *flag : kDefaultFlags)
+    if (flagValue(argc, argv, flag) == nullptr) args.insert(args.begin() + 1, const_cast<char *>(flag));
+  // The ratio table is added to the console format only; json and csv
+  // stay as the library writes them.
+  const char *format = flagValue(argc, argv, "--benchmark_format=");
+  const bool console = format == nullptr || std::strcmp(format, "console") == 0;
+  int count = static_cast<int>(args.size());
+  args.push_back(nullptr);
+  benchmark::Initialize(&count, args.data());
+  if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
+
+  const int cpu = pinToCpu(wantedCpu);
+  benchmark::AddCustomContext("bench_cpu", cpu >= 0 ? "pinned to CPU " + std::to_string(cpu) : "not pinned");
+
+  // Whatever the environment asks for, the trace is off while timing.
+  QVA_setAPITraceLevel(0);
+  if (!checkAllocCounter() || !checkWire()) {
+    std::fprintf(stderr, "bench_eci: FAILED: the start-up checks did not pass; nothing was timed\n");
+    return 1;
+  }
+  if (!openConnections()) {
+    closeConnections();
+    return 1;
+  }
+  if (console) {
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+  } else {
+    benchmark::RunSpecifiedBenchmarks();
+  }
+  closeConnections();
+  benchmark::Shutdown();
+  return 0;
+}
