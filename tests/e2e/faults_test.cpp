@@ -51,12 +51,6 @@ class FaultsTest : public ::testing::Test {
   qvaemu::Gateway gw_;
 };
 
-bool hasLine(const std::vector<TraceLine>& lines, int point, const std::string& word, const std::string& message) {
-  return std::any_of(lines.begin(), lines.end(), [&](const TraceLine& l) {
-    return l.point == point && l.word == word && l.message == message;
-  });
-}
-
 // ---- A Gateway that goes silent ---------------------------------------------------
 
 TEST_F(FaultsTest, NeverAnswerOnAnEciCallIsLostConnectionOnceDropped) {
@@ -92,56 +86,55 @@ TEST_F(FaultsTest, NeverAnswerOnTheHandshakeFailsTheOpenOnceDropped) {
   EXPECT_EQ(tok, nullptr);
 }
 
-// ---- A Gateway that closes -----------------------------------------------------------
+// ---- A Gateway that closes or sends nonsense ---------------------------------------------
 
-TEST_F(FaultsTest, CloseBeforeAnswerIsLostConnection) {
-  gw_.setFault(faultPlan(Fault::CloseBeforeAnswer, 1));
-  const Outcome o = runBounded(gw_, [this] {
-    return converse([](QvaGatewayToken* tok, std::vector<int>& rcs) {
-      GuardedArea area(5);
-      rcs.push_back(echo(tok, area, "hello"));
+// The first ECI reply is bent; nothing lands past the COMMAREA, and the
+// connection can still be closed.
+TEST_F(FaultsTest, ABrokenReplyFailsTheCallAndLeavesTheCommareaGuardIntact) {
+  struct Case {
+    Fault fault;
+    int rc;
+  };
+  for (const Case& c : {Case{Fault::CloseBeforeAnswer, QVA_ERR_LOSTGWCON}, Case{Fault::CloseMidReply, QVA_ERR_LOSTGWCON},
+                        Case{Fault::HugeDataLength, QVA_ERR_LOSTGWCON}, Case{Fault::MalformedHeader, QVA_ERR_SYSTEM_ERROR}}) {
+    SCOPED_TRACE(qvaemu::faultName(c.fault));
+    gw_.setFault(faultPlan(c.fault, 1));
+    const Outcome o = runBounded(gw_, [this] {
+      return converse([](QvaGatewayToken* tok, std::vector<int>& rcs) {
+        GuardedArea area(40);
+        rcs.push_back(echo(tok, area, "a reply that is cut off halfway through"));
+        EXPECT_TRUE(area.guardIntact());
+      });
     });
-  });
-  ASSERT_EQ(o.open, QVA_OK);
-  EXPECT_EQ(o.rcs, std::vector<int>{QVA_ERR_LOSTGWCON});
-  expectClosedCleanly(o);
+    ASSERT_EQ(o.open, QVA_OK);
+    EXPECT_EQ(o.rcs, std::vector<int>{c.rc});
+    expectClosedCleanly(o);
+  }
 }
 
-TEST_F(FaultsTest, CloseMidReplyIsLostConnection) {
-  gw_.setFault(faultPlan(Fault::CloseMidReply, 1));
-  const Outcome o = runBounded(gw_, [this] {
-    return converse([](QvaGatewayToken* tok, std::vector<int>& rcs) {
-      GuardedArea area(40);
-      rcs.push_back(echo(tok, area, "a reply that is cut off halfway through"));
-      EXPECT_TRUE(area.guardIntact());
-    });
-  });
-  ASSERT_EQ(o.open, QVA_OK);
-  EXPECT_EQ(o.rcs, std::vector<int>{QVA_ERR_LOSTGWCON});
-  expectClosedCleanly(o);
-}
-
-TEST_F(FaultsTest, AHugeAnnouncedBodyThenCloseIsLostConnection) {
-  gw_.setFault(faultPlan(Fault::HugeDataLength, 1));
-  const Outcome o = runBounded(gw_, [this] {
-    return converse([](QvaGatewayToken* tok, std::vector<int>& rcs) {
-      GuardedArea area(16);
-      rcs.push_back(echo(tok, area, "sixteen bytes..."));
-      EXPECT_TRUE(area.guardIntact());
-    });
-  });
-  ASSERT_EQ(o.open, QVA_OK);
-  EXPECT_EQ(o.rcs, std::vector<int>{QVA_ERR_LOSTGWCON});
-  expectClosedCleanly(o);
-}
-
-TEST_F(FaultsTest, AHugeAnnouncedHandshakeReplyFailsTheOpenWithoutCloseRequest) {
-  gw_.setFault(faultPlan(Fault::HugeDataLength, 0));
-  QvaGatewayToken* tok = nullptr;
-  EXPECT_EQ(runBounded(gw_, [this, &tok] { return open(&tok); }), QVA_ERR_CONNECTFAILED);
-  EXPECT_EQ(tok, nullptr);
-  ASSERT_TRUE(gw_.waitForClosed(0, kPatience));
-  EXPECT_EQ(gw_.received(0), handshakeBytes());
+// The socket is closed without a close request.
+TEST_F(FaultsTest, ABrokenHandshakeReplyFailsTheOpenWithoutCloseRequest) {
+  for (Fault fault : {Fault::HugeDataLength, Fault::MalformedHeader}) {
+    SCOPED_TRACE(qvaemu::faultName(fault));
+    qvaemu::Gateway gw;
+    E2E_START(gw);
+    gw.setFault(faultPlan(fault, 0));
+    QvaGatewayToken* tok = nullptr;
+    TraceCapture trace(1);
+    EXPECT_EQ(runBounded(gw, [&gw, &tok] { return QVA_openRemoteGatewayConnection(kLoopback, gw.port(), &tok, 5); }),
+              QVA_ERR_CONNECTFAILED);
+    const auto lines = traceLines(trace.text());
+    EXPECT_EQ(tok, nullptr);
+    ASSERT_TRUE(gw.waitForClosed(0, kPatience));
+    EXPECT_EQ(gw.received(0), handshakeRequest());
+    EXPECT_TRUE(hasLine(lines, 2142, "*EXC*",
+                        "clapi_qva_gwytok.openClientSocket() Failed to connect to Gateway 127.0.0.1:" +
+                            std::to_string(gw.port())));
+    if (fault == Fault::MalformedHeader) {
+      EXPECT_TRUE(hasLine(lines, 2014, "*EXC*",
+                          "clapi_gwycon.clapiConnectToGatewayHandshake flows failed rc=-9 errno=Success gwyRc=0 authRc=0"));
+    }
+  }
 }
 
 // ---- A Gateway that sends slowly ----------------------------------------------------------
@@ -166,40 +159,10 @@ TEST_F(FaultsTest, ATrickledReplyStillArrivesWhole) {
   EXPECT_EQ(o.rcs, (std::vector<int>{ECI_NO_ERROR, ECI_NO_ERROR}));
   expectClosedCleanly(o);
   ASSERT_TRUE(gw_.waitForClosed(0, kPatience));
-  EXPECT_EQ(slice(gw_.received(0), gw_.received(0).size() - 33, 33), closeBytes());
+  EXPECT_EQ(slice(gw_.received(0), gw_.received(0).size() - 33, 33), closeRequest());
 }
 
-// ---- A Gateway that sends nonsense ----------------------------------------------------------
-
-TEST_F(FaultsTest, AMalformedReplyHeaderIsASystemError) {
-  gw_.setFault(faultPlan(Fault::MalformedHeader, 1));
-  const Outcome o = runBounded(gw_, [this] {
-    return converse([](QvaGatewayToken* tok, std::vector<int>& rcs) {
-      GuardedArea area(5);
-      rcs.push_back(echo(tok, area, "hello"));
-    });
-  });
-  ASSERT_EQ(o.open, QVA_OK);
-  EXPECT_EQ(o.rcs, std::vector<int>{QVA_ERR_SYSTEM_ERROR});
-  expectClosedCleanly(o);
-}
-
-TEST_F(FaultsTest, AMalformedHandshakeReplyFailsTheOpenWithoutCloseRequest) {
-  gw_.setFault(faultPlan(Fault::MalformedHeader, 0));
-  QvaGatewayToken* tok = nullptr;
-  TraceCapture trace(1);
-  EXPECT_EQ(runBounded(gw_, [this, &tok] { return open(&tok); }), QVA_ERR_CONNECTFAILED);
-  const auto lines = traceLines(trace.finish());
-  EXPECT_EQ(tok, nullptr);
-  // The socket was closed without a close request.
-  ASSERT_TRUE(gw_.waitForClosed(0, kPatience));
-  EXPECT_EQ(gw_.received(0), handshakeBytes());
-  EXPECT_TRUE(hasLine(lines, 2014, "*EXC*",
-                      "clapi_gwycon.clapiConnectToGatewayHandshake flows failed rc=-9 errno=Success gwyRc=0 authRc=0"));
-  EXPECT_TRUE(hasLine(lines, 2142, "*EXC*",
-                      "clapi_qva_gwytok.openClientSocket() Failed to connect to Gateway 127.0.0.1:" +
-                          std::to_string(gw_.port())));
-}
+// ---- Exception flows and oversize replies ---------------------------------------------------
 
 TEST_F(FaultsTest, AnExceptionFlowIsAGatewayExceptionAndKeepsTheConnectionInStep) {
   // The fault bends every reply from the first ECI call on, the close reply too.
@@ -224,7 +187,7 @@ TEST_F(FaultsTest, AnExceptionFlowIsAGatewayExceptionAndKeepsTheConnectionInStep
       EXPECT_TRUE(list.guardIntact());
     });
   });
-  const auto lines = traceLines(trace.finish());
+  const auto lines = traceLines(trace.text());
   ASSERT_EQ(o.open, QVA_OK);
   EXPECT_EQ(o.rcs, (std::vector<int>{QVA_ERR_GATEWAY_EXCEPTION, QVA_ERR_GATEWAY_EXCEPTION, QVA_ERR_GATEWAY_EXCEPTION}));
   expectClosedCleanly(o);
@@ -239,7 +202,7 @@ TEST_F(FaultsTest, AnExceptionFlowIsAGatewayExceptionAndKeepsTheConnectionInStep
   ASSERT_TRUE(gw_.waitForClosed(0, kPatience));
   const auto messages = splitMessages(gw_.received(0));
   ASSERT_EQ(messages.size(), 5u);
-  EXPECT_EQ(messages[4], closeBytes());
+  EXPECT_EQ(messages[4], closeRequest());
 }
 
 TEST_F(FaultsTest, TheCallAfterAGatewayExceptionSucceeds) {
@@ -259,8 +222,6 @@ TEST_F(FaultsTest, TheCallAfterAGatewayExceptionSucceeds) {
   EXPECT_EQ(o.rcs, (std::vector<int>{QVA_ERR_GATEWAY_EXCEPTION, QVA_OK}));
   expectClosedCleanly(o);
 }
-
-// ---- A Gateway that sends more than the caller holds ------------------------------------------
 
 TEST_F(FaultsTest, AnOversizeCommareaIsCutAtTheCallersLength) {
   for (uint32_t extra : {1u, 64u, 3000u}) {
@@ -284,7 +245,7 @@ TEST_F(FaultsTest, AnOversizeCommareaIsCutAtTheCallersLength) {
         EXPECT_EQ(nameOf(list[0]), trimmedName("QVADEMO"));
       });
     });
-    const auto lines = traceLines(trace.finish());
+    const auto lines = traceLines(trace.text());
     ASSERT_EQ(o.open, QVA_OK);
     EXPECT_EQ(o.rcs, (std::vector<int>{QVA_ERR_INVALID_DATA_LENGTH, QVA_ERR_INVALID_DATA_LENGTH, ECI_NO_ERROR}));
     expectClosedCleanly(o);
@@ -341,7 +302,7 @@ TEST_F(FaultsTest, AChannelReturnedForACommareaCallIsASystemError) {
       EXPECT_EQ(area.text(), "twice");
     });
   });
-  const auto lines = traceLines(trace.finish());
+  const auto lines = traceLines(trace.text());
   ASSERT_EQ(o.open, QVA_OK);
   EXPECT_EQ(o.rcs, (std::vector<int>{QVA_ERR_SYSTEM_ERROR, ECI_NO_ERROR, QVA_ERR_SYSTEM_ERROR}));
   expectClosedCleanly(o);

@@ -28,7 +28,7 @@ TEST(Concurrency, ManyConnectionsEchoTheirOwnData) {
       for (int i = 0; i < kCalls; ++i) {
         Call call;
         call.program = i % 2 ? "UPPER" : "ECHO";
-        call.commarea = bytesOf("thread " + std::to_string(t) + " call " + std::to_string(i));
+        call.commarea = ascii("thread " + std::to_string(t) + " call " + std::to_string(i));
         call.extendMode = i % 5 == 4 ? 0 : 1;
         ProgramReply r;
         if (!rawclient::call(c, call, r) || r.replyRc != 0) return;
@@ -60,7 +60,7 @@ TEST(Concurrency, UnitTokensAreDistinctAcrossConnections) {
       if (!open(c, gw.port())) return;
       for (int i = 0; i < 20; ++i) {
         Call call;
-        call.commarea = bytesOf("u");
+        call.commarea = ascii("u");
         call.extendMode = 1;
         ProgramReply r;
         if (rawclient::call(c, call, r)) tokens[t].push_back(r.luwToken);
@@ -104,7 +104,7 @@ TEST(Concurrency, StopInterruptsARunningSleep) {
   ASSERT_TRUE(open(c, gw.port()));
   Call call;
   call.program = "SLEEP";
-  call.commarea = bytesOf("10000");
+  call.commarea = ascii("10000");
   const Bytes req = request(call);
   ASSERT_TRUE(c.send(req));
   ASSERT_TRUE(gw.waitForReceived(0, 55 + req.size(), kPatience));
@@ -133,7 +133,7 @@ TEST(Concurrency, DropConnectionsWhileOthersConnectAndCall) {
         if (!open(c, gw.port())) continue;
         ProgramReply r;
         Call call;
-        call.commarea = bytesOf("drop");
+        call.commarea = ascii("drop");
         rawclient::call(c, call, r);  // either answered or cut: both are fine here
       }
     });

@@ -27,7 +27,7 @@ class FaultsTest : public ::testing::Test {
   }
   static Call echo(const std::string& s) {
     Call c;
-    c.commarea = bytesOf(s);
+    c.commarea = ascii(s);
     return c;
   }
   // The reply the ECHO of `s` gets when nothing is bent.
@@ -51,7 +51,7 @@ TEST_F(FaultsTest, NeverAnswerReadsTheRequestAndStaysSilentUntilDropped) {
   const Bytes req = request(echo("hello"));
   ASSERT_TRUE(c_.send(req));
   ASSERT_TRUE(gw_.waitForReceived(0, 55 + req.size(), kPatience));
-  EXPECT_EQ(c_.wait(kSilence), Outcome::Timeout);
+  EXPECT_EQ(c_.wait(kSilence), Readable::Timeout);
   gw_.dropConnections();
   EXPECT_TRUE(c_.eofWithin());
   EXPECT_FALSE(gw_.waitForClosed(0, 0ms));  // the server closed it, not the peer
@@ -62,7 +62,7 @@ TEST_F(FaultsTest, NeverAnswerOnTheHandshakeWithAfterZero) {
   ASSERT_TRUE(c_.connect(gw_.port()));
   ASSERT_TRUE(c_.send(handshake()));
   ASSERT_TRUE(gw_.waitForReceived(0, 55, kPatience));
-  EXPECT_EQ(c_.wait(kSilence), Outcome::Timeout);
+  EXPECT_EQ(c_.wait(kSilence), Readable::Timeout);
 }
 
 TEST_F(FaultsTest, CloseBeforeAnswerGivesEofAfterTheWholeRequest) {
@@ -104,7 +104,7 @@ TEST_F(FaultsTest, TrickleDeliversTheExactReplyInSmallPieces) {
   Bytes got;
   size_t pieces = 0;
   while (got.size() < full.size()) {
-    ASSERT_EQ(c_.wait(kPatience), Outcome::Data);
+    ASSERT_EQ(c_.wait(kPatience), Readable::Data);
     const size_t before = got.size();
     uint8_t buf[64];
     const ssize_t n = ::recv(c_.fd(), buf, sizeof buf, 0);
@@ -129,7 +129,7 @@ TEST_F(FaultsTest, MalformedHeaderHasABadMagicAndALongerNameThenEof) {
   ASSERT_TRUE(c_.send(request(echo("x"))));
   const Bytes got = c_.readToEnd();
   ASSERT_EQ(got.size(), 29u + 5u);
-  EXPECT_EQ(Bytes(got.begin(), got.begin() + 4), bytesOf("BAD!"));
+  EXPECT_EQ(Bytes(got.begin(), got.begin() + 4), ascii("BAD!"));
   EXPECT_EQ(be32(got, 20), 5u);  // the request's name was 3 long
   EXPECT_TRUE(c_.eofWithin(0ms));
 }
@@ -156,7 +156,7 @@ TEST_F(FaultsTest, ExceptionFlowAnswersWithFlowType6AndKeepsTheConnection) {
   EXPECT_EQ(m.flowType, 6);
   EXPECT_EQ(m.name, "ECI");
   EXPECT_EQ(m.body, (Bytes{0, 0, 0, 1, 0, 0, 0, 4}));
-  EXPECT_EQ(c_.wait(0ms), Outcome::Timeout);  // still open
+  EXPECT_EQ(c_.wait(0ms), Readable::Timeout);  // still open
 }
 
 TEST_F(FaultsTest, OversizeCommareaAnnouncesAndSendsExtraBytes) {
@@ -166,7 +166,7 @@ TEST_F(FaultsTest, OversizeCommareaAnnouncesAndSendsExtraBytes) {
   ASSERT_TRUE(call(c_, echo("0123456789"), r));
   EXPECT_EQ(r.commareaLength, 50);
   EXPECT_EQ(r.replyDataLength, 50);
-  EXPECT_EQ(r.data, concat({bytesOf("0123456789"), Bytes(40, 0xEE)}));
+  EXPECT_EQ(r.data, cat({ascii("0123456789"), Bytes(40, 0xEE)}));
 }
 
 TEST_F(FaultsTest, OversizeServerListSendsMoreEntriesThanTheCapacity) {
@@ -190,13 +190,13 @@ TEST_F(FaultsTest, ChannelReturnOnCommareaFollowsTheDataWithAReturnFlow) {
   ASSERT_TRUE(readMessage(c_, m));
   ProgramReply r;
   ASSERT_TRUE(parseProgramReply(m.body, r));
-  EXPECT_EQ(r.data, bytesOf("abc"));
+  EXPECT_EQ(r.data, ascii("abc"));
   EXPECT_EQ(r.channelPresent, 0xFF);
   const Bytes rest(m.body.begin() + static_cast<std::ptrdiff_t>(r.consumed), m.body.end());
-  const Bytes expected = concat({
-      bytesOf(std::string("QVARETURN") + std::string(7, '\0')), Bytes{0, 0, 0x03, 0x33}, Bytes{0, 0, 0, 1},
-      bytesOf(std::string("RESULT") + std::string(10, '\0')), Bytes{1, 0, 0, 2}, Bytes{0, 0, 0x03, 0x33},
-      Bytes{0, 0, 0, 2}, bytesOf("OK")});
+  const Bytes expected = cat({
+      ascii(std::string("QVARETURN") + std::string(7, '\0')), Bytes{0, 0, 0x03, 0x33}, Bytes{0, 0, 0, 1},
+      ascii(std::string("RESULT") + std::string(10, '\0')), Bytes{1, 0, 0, 2}, Bytes{0, 0, 0x03, 0x33},
+      Bytes{0, 0, 0, 2}, ascii("OK")});
   EXPECT_EQ(rest, expected);
 }
 

@@ -104,10 +104,10 @@ TEST(GatewayProgram, AnnouncesItsPortServesAndStopsOnSigterm) {
   Call call;
   call.system = "BETA";
   call.program = "UPPER";
-  call.commarea = bytesOf("over the wire");
+  call.commarea = ascii("over the wire");
   ProgramReply r;
   ASSERT_TRUE(rawclient::call(c, call, r));
-  EXPECT_EQ(r.data, bytesOf("OVER THE WIRE"));
+  EXPECT_EQ(r.data, ascii("OVER THE WIRE"));
   call.system = "QVADEMO";  // replaced by the --server list
   ASSERT_TRUE(rawclient::call(c, call, r));
   EXPECT_EQ(r.replyRc, -22);

@@ -28,7 +28,7 @@ class ProgramsTest : public ::testing::Test {
   static Call program(const std::string& name, const std::string& commarea) {
     Call c;
     c.program = name;
-    c.commarea = bytesOf(commarea);
+    c.commarea = ascii(commarea);
     return c;
   }
   std::unique_ptr<qvaemu::Gateway> gw_;
@@ -36,18 +36,44 @@ class ProgramsTest : public ::testing::Test {
 };
 
 TEST_F(ProgramsTest, EchoReturnsTheCommareaUnchanged) {
-  Bytes all(256);
-  for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<uint8_t>(i);
   Call c;
-  c.commarea = all;
+  c.commarea = pattern(256);
   const auto r = run(c);
   EXPECT_EQ(r.replyRc, 0);
   EXPECT_EQ(r.callType, 1);
   EXPECT_EQ(r.commareaLength, 256);
   EXPECT_EQ(r.replyDataLength, 256);
-  EXPECT_EQ(r.data, all);
+  EXPECT_EQ(r.data, c.commarea);
   EXPECT_EQ(r.abendCode, std::string(4, '\0'));
   EXPECT_EQ(r.channelPresent, 0);
+}
+
+// What each program answers, by its COMMAREA.
+TEST_F(ProgramsTest, EachProgramAnswersAsDocumented) {
+  struct Case {
+    const char* program;
+    std::string commarea;
+    int32_t rc;
+    std::string abend;
+    std::string data;
+  };
+  const std::string none(4, '\0');
+  for (const Case& k : {
+           Case{"UPPER", "abc xyz-09 \xE9z", 0, none, "ABC XYZ-09 \xE9Z"},  // ASCII letters only
+           Case{"SHORT", "0123456789", 0, none, "01234"},                   // half of what it got
+           Case{"NOSUCH", "x", -7, "AEI0", ""},
+           Case{"ABEND", "XY12 and the rest", -7, "XY12", ""},
+           Case{"ABEND", "WXYZ", -7, "WXYZ", ""},  // exactly four
+           Case{"ABEND", "XY 2", -7, "ABND", ""},  // a blank among the first four
+           Case{"ABEND", "XYZ", -7, "ABND", ""},   // fewer than four bytes
+       }) {
+    SCOPED_TRACE(std::string(k.program) + " " + k.commarea);
+    const auto r = run(program(k.program, k.commarea));
+    EXPECT_EQ(r.replyRc, k.rc);
+    EXPECT_EQ(r.abendCode, k.abend);
+    EXPECT_EQ(r.commareaLength, static_cast<int32_t>(k.commarea.size()));
+    EXPECT_EQ(r.data, ascii(k.data));
+  }
 }
 
 TEST_F(ProgramsTest, CallType12IsRunAndAnsweredAs12) {
@@ -56,42 +82,7 @@ TEST_F(ProgramsTest, CallType12IsRunAndAnsweredAs12) {
   c.transId = "TPN1";
   const auto r = run(c);
   EXPECT_EQ(r.callType, 12);
-  EXPECT_EQ(r.data, bytesOf("tpn call"));
-}
-
-TEST_F(ProgramsTest, UpperCasesAsciiLettersOnly) {
-  const auto r = run(program("UPPER", "abc xyz-09 \xE9z"));
-  EXPECT_EQ(r.replyRc, 0);
-  EXPECT_EQ(r.data, bytesOf("ABC XYZ-09 \xE9Z"));
-}
-
-TEST_F(ProgramsTest, AbendTakesItsCodeFromTheCommareaOrSaysAbnd) {
-  auto r = run(program("ABEND", "XY12 and the rest"));
-  EXPECT_EQ(r.replyRc, -7);
-  EXPECT_EQ(r.abendCode, "XY12");
-  EXPECT_EQ(r.replyDataLength, 0);
-  EXPECT_TRUE(r.data.empty());
-
-  r = run(program("ABEND", "WXYZ"));  // exactly four
-  EXPECT_EQ(r.abendCode, "WXYZ");
-  r = run(program("ABEND", "XY 2"));  // a blank among the first four
-  EXPECT_EQ(r.abendCode, "ABND");
-  r = run(program("ABEND", "XYZ"));  // fewer than four bytes
-  EXPECT_EQ(r.abendCode, "ABND");
-}
-
-TEST_F(ProgramsTest, ShortReturnsHalfOfWhatItReceived) {
-  const auto r = run(program("SHORT", "0123456789"));
-  EXPECT_EQ(r.replyRc, 0);
-  EXPECT_EQ(r.commareaLength, 10);
-  EXPECT_EQ(r.replyDataLength, 5);
-  EXPECT_EQ(r.data, bytesOf("01234"));
-}
-
-TEST_F(ProgramsTest, UnknownProgramAbendsWithAei0) {
-  const auto r = run(program("NOSUCH", "x"));
-  EXPECT_EQ(r.replyRc, -7);
-  EXPECT_EQ(r.abendCode, "AEI0");
+  EXPECT_EQ(r.data, ascii("tpn call"));
 }
 
 TEST_F(ProgramsTest, ServerNameIsCheckedAndEmptyMeansTheFirst) {
@@ -111,13 +102,13 @@ TEST_F(ProgramsTest, SendAndReceiveLengthsAreHonoured) {
   auto r = run(c);
   EXPECT_EQ(r.commareaLength, 100);
   EXPECT_EQ(r.replyDataLength, 100);
-  EXPECT_EQ(r.data, concat({bytesOf("0123456789"), Bytes(90, 0)}));
+  EXPECT_EQ(r.data, cat({ascii("0123456789"), Bytes(90, 0)}));
 
   c.recv = 4;
   r = run(c);
   EXPECT_EQ(r.commareaLength, 100);
   EXPECT_EQ(r.replyDataLength, 4);
-  EXPECT_EQ(r.data, bytesOf("0123"));
+  EXPECT_EQ(r.data, ascii("0123"));
 }
 
 TEST_F(ProgramsTest, SleepWaitsThenEchoes) {
@@ -125,7 +116,7 @@ TEST_F(ProgramsTest, SleepWaitsThenEchoes) {
   const auto r = run(program("SLEEP", "60 ms"));
   EXPECT_GE(std::chrono::steady_clock::now() - t0, 60ms);
   EXPECT_EQ(r.replyRc, 0);
-  EXPECT_EQ(r.data, bytesOf("60 ms"));
+  EXPECT_EQ(r.data, ascii("60 ms"));
 }
 
 TEST_F(ProgramsTest, SleepLongerThanTheTimeoutIsAResponseTimeout) {
@@ -172,7 +163,7 @@ TEST_F(ProgramsTest, UnitOfWorkTokensFollowTheExtendModes) {
   r = run(last);
   EXPECT_EQ(r.replyRc, 0);
   EXPECT_EQ(r.luwToken, 0);
-  EXPECT_EQ(r.data, bytesOf("luw"));
+  EXPECT_EQ(r.data, ascii("luw"));
   EXPECT_EQ(run(last).replyRc, -8);
 
   c.luwToken = 0;
@@ -217,7 +208,7 @@ TEST(ProgramsSecurity, UserAndPasswordMustMatchAndThePasswordIsNeverLogged) {
   ASSERT_TRUE(open(c, gw.port()));
 
   Call call;
-  call.commarea = bytesOf("secure");
+  call.commarea = ascii("secure");
   ProgramReply r;
   ASSERT_TRUE(rawclient::call(c, call, r));
   EXPECT_EQ(r.replyRc, -27);
@@ -228,7 +219,7 @@ TEST(ProgramsSecurity, UserAndPasswordMustMatchAndThePasswordIsNeverLogged) {
   call.password = "S3CRET";  // sent blank padded, compared trimmed
   ASSERT_TRUE(rawclient::call(c, call, r));
   EXPECT_EQ(r.replyRc, 0);
-  EXPECT_EQ(r.data, bytesOf("secure"));
+  EXPECT_EQ(r.data, ascii("secure"));
   gw.stop();
 
   std::string log;

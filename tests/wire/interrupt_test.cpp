@@ -5,19 +5,37 @@
 // The fake Gateway signals the client thread only once that thread is
 // asleep in the kernel at the point under test.
 
-#include <gtest/gtest.h>
-
-#include <csignal>
+#include <sys/syscall.h>
 
 #include <atomic>
+#include <csignal>
+#include <fstream>
 
 #include "clapi_socketbuffer.h"
 #include "clapi_socketcomms.h"
-#include "wire_support.h"
+#include "fake_gateway.h"
 
 namespace {
 
-using wire::Bytes;
+using namespace wire;
+
+// The scheduler state of a thread of this process ('R', 'S', ...).
+char threadState(pid_t tid) {
+  std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/stat");
+  const std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const auto close = stat.rfind(')');
+  return close == std::string::npos || close + 2 >= stat.size() ? '?' : stat[close + 2];
+}
+
+// Waits, bounded, until the thread is asleep in the kernel and the condition holds.
+bool waitUntilAsleep(pid_t tid, const std::function<bool()> &also) {
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (threadState(tid) == 'S' && also()) return true;
+    std::this_thread::yield();
+  }
+  return false;
+}
 
 std::atomic<int> signalsTaken{0};
 
@@ -33,7 +51,7 @@ class InterruptTest : public ::testing::Test {
     ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
     signalsTaken = 0;
     clientThread = pthread_self();
-    clientTid = wire::currentTid();
+    clientTid = static_cast<pid_t>(syscall(SYS_gettid));
   }
   void TearDown() override { sigaction(SIGUSR1, &previous, nullptr); }
 
@@ -41,7 +59,7 @@ class InterruptTest : public ::testing::Test {
   // condition holds), then interrupt it.
   std::function<bool(int)> interruptClient(std::function<bool()> also = [] { return true; }) {
     return [this, also](int) {
-      if (!wire::waitUntilAsleep(clientTid, also)) return false;
+      if (!waitUntilAsleep(clientTid, also)) return false;
       return pthread_kill(clientThread, SIGUSR1) == 0;
     };
   }
@@ -49,12 +67,12 @@ class InterruptTest : public ::testing::Test {
   struct sigaction previous {};
   pthread_t clientThread{};
   pid_t clientTid = 0;
-  wire::SocketPair pair;
+  SocketPair pair;
 };
 
 TEST_F(InterruptTest, InterruptedWaitForTheReplyIsResumed) {
-  auto gateway = wire::FakeGateway::onSocket(pair.releasePeer());
-  gateway->expect(55).then(interruptClient()).send(wire::reply(5, "BASE", {}));
+  auto gateway = FakeGateway::onSocket(pair.releasePeer());
+  gateway->expect(55).then(interruptClient()).send(message(5, "BASE", {}));
   int32_t reasons = -1;
   EXPECT_EQ(clapiFlowHandshakeRequest(pair.client, &reasons), QVA_OK);
   EXPECT_EQ(reasons, 0);
@@ -64,27 +82,27 @@ TEST_F(InterruptTest, InterruptedWaitForTheReplyIsResumed) {
 
 TEST_F(InterruptTest, InterruptedReceiveInTheMiddleOfAReplyIsResumed) {
   const int client = pair.client;
-  const Bytes answer = wire::reply(5, "BASE", wire::pattern(22));
-  auto gateway = wire::FakeGateway::onSocket(pair.releasePeer());
+  const Bytes answer = message(5, "BASE", pattern(22));
+  auto gateway = FakeGateway::onSocket(pair.releasePeer());
   gateway->expect(55)
-      .send(wire::slice(answer, 0, 10))
+      .send(slice(answer, 0, 10))
       // Asleep with the first ten bytes taken: waiting in recv for the rest.
-      .then(interruptClient([client] { return wire::pendingBytes(client) == 0; }))
-      .send(wire::slice(answer, 10, answer.size() - 10));
+      .then(interruptClient([client] { return pendingBytes(client) == 0; }))
+      .send(slice(answer, 10, answer.size() - 10));
   int32_t reasons = -1;
   EXPECT_EQ(clapiFlowHandshakeRequest(pair.client, &reasons), QVA_OK);
   EXPECT_EQ(reasons, 0);
   EXPECT_TRUE(gateway->drain()) << gateway->errors();
   EXPECT_GE(signalsTaken.load(), 1);
-  EXPECT_EQ(wire::pendingBytes(pair.client), 0);
+  EXPECT_EQ(pendingBytes(pair.client), 0);
 }
 
 TEST_F(InterruptTest, InterruptedOrShortSendOfALargeBlockIsContinued) {
   const int small = 4096;
   setsockopt(pair.client, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
   setsockopt(pair.peer, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-  const Bytes block = wire::pattern(256 * 1024, 11);
-  auto gateway = wire::FakeGateway::onSocket(pair.releasePeer());
+  const Bytes block = pattern(256 * 1024, 11);
+  auto gateway = FakeGateway::onSocket(pair.releasePeer());
   // Asleep in send: the socket is full. The signal cuts the send short.
   gateway->then(interruptClient()).expect(block.size());
   SocketBuffer sb{};
@@ -111,8 +129,8 @@ TEST_F(InterruptTest, SendInterruptedBeforeAnyByteIsRetried) {
     filler.insert(filler.end(), chunk.begin(), chunk.end());
   }
   ASSERT_EQ(errno, EAGAIN);
-  const Bytes block = wire::pattern(600, 13);
-  auto gateway = wire::FakeGateway::onSocket(pair.releasePeer());
+  const Bytes block = pattern(600, 13);
+  auto gateway = FakeGateway::onSocket(pair.releasePeer());
   gateway->then(interruptClient()).expect(filler.size() + block.size());
   SocketBuffer sb{};
   ASSERT_EQ(initWriteBuffer(&sb, pair.client, static_cast<uint32_t>(block.size())), QVA_OK);
@@ -122,7 +140,7 @@ TEST_F(InterruptTest, SendInterruptedBeforeAnyByteIsRetried) {
   EXPECT_EQ(freeBuffer(&sb), QVA_OK);
   ASSERT_TRUE(gateway->drain()) << gateway->errors();
   EXPECT_GE(signalsTaken.load(), 1);
-  EXPECT_EQ(gateway->request(0), wire::cat({filler, block}));
+  EXPECT_EQ(gateway->request(0), cat({filler, block}));
 }
 
 }  // namespace
