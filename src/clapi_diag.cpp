@@ -151,8 +151,29 @@ char *clapiGetDate(char *buffer) {
 
 #pragma GCC diagnostic pop
 
+namespace {
+
+// The process id, read once and again in the child of every fork: every
+// token check asks for it, and getpid is a system call each time.
+std::atomic<pid_t> cachedPid{0};
+
+void refreshPidInChild() { cachedPid.store(getpid(), std::memory_order_relaxed); }
+
+pid_t currentPid() {
+  pid_t pid = cachedPid.load(std::memory_order_relaxed);
+  if (pid == 0) {
+    static const bool registered = pthread_atfork(nullptr, nullptr, refreshPidInChild) == 0;
+    pid = getpid();
+    // Without the fork handler a cached id could outlive a fork.
+    if (registered) cachedPid.store(pid, std::memory_order_relaxed);
+  }
+  return pid;
+}
+
+}  // namespace
+
 void clapiGetPidTid(uint32_t *pid, uint32_t *tid) {
-  if (pid != nullptr) *pid = static_cast<uint32_t>(getpid());
+  if (pid != nullptr) *pid = static_cast<uint32_t>(currentPid());
   if (tid != nullptr) *tid = static_cast<uint32_t>(pthread_self());
 }
 

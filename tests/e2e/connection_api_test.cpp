@@ -1,6 +1,9 @@
 // Opening and closing Gateway connections through the C interface: argument
 // checks in their order, connect failures, what a close does to the caller's
 // pointer, the bytes a Gateway sees, and which thread may use a token.
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <thread>
 
 #include "e2e_support.h"
@@ -217,6 +220,24 @@ TEST_F(ConnectionApiTest, ATokenBelongsToTheThreadThatOpenedIt) {
   EXPECT_EQ(area.text(5), "OWNER");
   EXPECT_EQ(QVA_closeGatewayConnection(&tok), QVA_OK);
   EXPECT_EQ(tok, nullptr);
+}
+
+// The process id is remembered between calls; a forked child must still be
+// told apart from the parent that opened the connection.
+TEST_F(ConnectionApiTest, AForkedChildMayNotUseItsParentsToken) {
+  QvaGatewayToken* tok = nullptr;
+  ASSERT_EQ(open(&tok), QVA_OK);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    char data[8] = "child";
+    ECI_PARMS parms = eciParms("ECHO", data, sizeof data);
+    _exit(QVA_ECI_Execute(tok, &parms) == QVA_ERR_PIDMISMATCH ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the child was not refused with -123";
+  EXPECT_EQ(QVA_closeGatewayConnection(&tok), QVA_OK);
 }
 
 TEST_F(ConnectionApiTest, CloseAllClosesTokensOfEveryThread) {
