@@ -41,7 +41,6 @@ class LockHolder {
   LockHolder(const LockHolder &) = delete;
   LockHolder &operator=(const LockHolder &) = delete;
 
-  int result() const { return rc_; }
   bool held() const { return rc_ == kLockOk && lock_ != nullptr; }
   void release() {
     if (held()) {

@@ -171,7 +171,7 @@ int initReadBuffer(SocketBuffer *sockBuffer, int socketDesc, uint32_t dataLen) {
 void markMalformed(SocketBuffer *sockBuffer) {
   if (bufferFailed(sockBuffer)) return;
   sockBuffer->failure = QVA_ERR_SYSTEM_ERROR;
-  TRACE_EXC(1546, "clapi_socketbuffer.fillBuffer Reply in buffer %p is shorter than its own lengths: %lu bytes left\n",
+  TRACE_EXC(1546, "clapi_socketbuffer.markMalformed Reply in buffer %p is shorter than its own lengths: %lu bytes left\n",
             addr(sockBuffer), ul(sockBuffer->bytesInBuffer + sockBuffer->bytesRemaining));
 }
 
