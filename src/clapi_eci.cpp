@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
+#include "clapi_channel.h"
 #include "clapi_diag.h"
 #include "clapi_gwytok.h"
 #include "clapi_impl.h"
@@ -160,7 +162,8 @@ bool tpnGiven(const ECI_PARMS *eciParms) {
   return std::memcmp(eciParms->eci_tpn, kNoTpn, sizeof kNoTpn) != 0;
 }
 
-void fillProgramRequest(GatewayRequest *request, const ECI_PARMS *eciParms) {
+// The fields that every program call, COMMAREA or channel, sends.
+void fillCallRequest(GatewayRequest *request, const ECI_PARMS *eciParms) {
   request->callType = eciParms->eci_call_type;
   request->extendMode = eciParms->eci_extend_mode;
   request->luwToken = eciParms->eci_luw_token;
@@ -174,9 +177,13 @@ void fillProgramRequest(GatewayRequest *request, const ECI_PARMS *eciParms) {
   } else {
     std::memcpy(request->transId, eciParms->eci_transid, sizeof request->transId);
   }
+  request->timeout = eciParms->eci_timeout;
+}
+
+void fillProgramRequest(GatewayRequest *request, const ECI_PARMS *eciParms) {
+  fillCallRequest(request, eciParms);
   request->commarea = static_cast<uint8_t *>(eciParms->eci_commarea);
   request->commareaLength = eciParms->eci_commarea_length;
-  request->timeout = eciParms->eci_timeout;
   if (eciParms->eci_send_length > 0) {
     request->requestDataLength = std::min<int32_t>(eciParms->eci_send_length, eciParms->eci_commarea_length);
   }
@@ -239,6 +246,103 @@ int QVA_ECI_Execute(QvaGatewayToken *gwTok, ECI_PARMS *EciParms) {
   if (traceOn(kTraceEntryExit)) {
     RcName name(rc);
     clapiTrace(3326, "EXIT", "API.QVA_ECI_Execute() rc=%d %s\n", rc, name.text);
+  }
+  return rc;
+}
+
+namespace {
+
+// The channel call dumps the caller's own block, its password briefly
+// overwritten in place with '*' and then restored. Below the dump's level
+// nothing would show, so the block is left alone.
+void dumpChannelCallBlock(ECI_PARMS *eciParms) {
+  if (!traceOn(kTraceDebug)) return;
+  char saved[sizeof eciParms->eci_password];
+  std::memcpy(saved, eciParms->eci_password, sizeof saved);
+  std::memset(eciParms->eci_password, '*', sizeof eciParms->eci_password);
+  clapiTraceData(3357, eciParms, sizeof(ECI_PARMS), "API.QVA_ECI_Execute_Channel EciParms=%p len=%d stopword=%8.8X\n",
+                 addr(eciParms), static_cast<int>(sizeof(ECI_PARMS)), 0u);
+  std::memcpy(eciParms->eci_password, saved, sizeof saved);
+  volatile char *copy = saved;
+  for (size_t i = 0; i < sizeof saved; ++i) copy[i] = '*';
+}
+
+// The request size is a 32-bit word: the channel block must leave room in it
+// for the header and the fixed fields of the call.
+constexpr uint64_t kMaxChannelWireSize = INT32_MAX - 1024;
+
+}  // namespace
+
+int QVA_ECI_Execute_Channel(QvaGatewayToken *gwTok, ECI_PARMS *EciParms) {
+  int rc = clapiInit();
+  TRACE_ENTRY(3350, "API.QVA_ECI_Execute_Channel(gwTok=%p, EciParms=%p)\n", addr(gwTok), addr(EciParms));
+  const bool initialised = rc == QVA_OK;
+  if (initialised) {
+    if (gwTok == nullptr) {
+      rc = QVA_ERR_NULLGWTOK;
+      TRACE_EXC(3351, "API.QVA_ECI_Execute_Channel gwTok is NULL\n");
+    } else {
+      rc = clapiVerifyGatewayToken(gwTok);
+    }
+    if (EciParms != nullptr) dumpChannelCallBlock(EciParms);
+  }
+  QvaChannel *channel = nullptr;
+  HeldChannel held;
+  if (rc == QVA_OK) {
+    if (EciParms == nullptr) {
+      rc = QVA_ERR_NULLECIPOINTER;
+      TRACE_EXC(3352, "API.QVA_ECI_Execute_Channel EciParms is NULL\n");
+    } else if ((rc = verifyEciParms(EciParms, ECI_VERSION_4)) != ECI_NO_ERROR) {
+      // channels need the version 4 block
+    } else if (EciParms->eci_channel == nullptr) {
+      rc = ECI_ERR_INVALID_CHANNEL;
+      TRACE_EXC(3353, "API.QVA_ECI_Execute_Channel EciParms->channel is NULL\n");
+    } else if (EciParms->eci_commarea != nullptr) {
+      rc = ECI_ERR_COMMAREA_AND_CHANNEL;
+      TRACE_EXC(3354, "API.QVA_ECI_Execute_Channel EciParms contains a channel and a COMMAREA\n");
+    } else if (!held.acquire(EciParms->eci_channel)) {
+      rc = ECI_ERR_INVALID_CHANNEL;
+      TRACE_EXC(3355, "API.QVA_ECI_Execute_Channel EciParms->channel (%p) is not a channel\n",
+                addr(EciParms->eci_channel));
+    } else {
+      channel = EciParms->eci_channel;
+    }
+  }
+  if (channel != nullptr && channel->ccsid == -1) {
+    rc = getCurrentCcsid(&channel->ccsid);
+    if (rc == 0) TRACE_EVENT(3356, "API.QVA_ECI_Execute_Channel Channel CCSID set to %d\n", channel->ccsid);
+  }
+  if (channel != nullptr && rc == QVA_OK) {
+    const uint64_t channelSize = channelWireSize(channel);
+    if (channelSize > kMaxChannelWireSize) {
+      rc = ECI_ERR_INVALID_DATA_LENGTH;
+      TRACE_EXC(3358, "API.QVA_ECI_Execute_Channel Channel of %llu bytes is too large for one request\n",
+                static_cast<unsigned long long>(channelSize));
+    }
+  }
+  if (channel != nullptr && rc == QVA_OK) {
+    char name[sizeof ECI_REQUEST_NAME];
+    std::memcpy(name, ECI_REQUEST_NAME, sizeof name);
+    GatewayRequest request;
+    fillRequestHeader(&request, name);
+    fillCallRequest(&request, EciParms);
+    request.channel = channel;
+    int32_t reasons = 0;
+    // The channel stays locked from before the request is written until the
+    // reply has been merged into it.
+    rc = clapiFlowECIRequest(gwTok->socket, &request, &reasons);
+    forgetPassword(&request);
+    if (rc == QVA_OK) {
+      std::memcpy(EciParms->eci_abend_code, request.abendCode, sizeof EciParms->eci_abend_code);
+      EciParms->eci_luw_token = request.luwToken;
+      rc = request.replyRc;
+    }
+  }
+  held.release();
+  if (initialised && EciParms != nullptr) dumpChannelCallBlock(EciParms);
+  if (traceOn(kTraceEntryExit)) {
+    RcName rcName(rc);
+    clapiTrace(3359, "EXIT", "API.QVA_ECI_Execute_Channel() rc=%d (%s)\n", rc, rcName.text);
   }
   return rc;
 }

@@ -295,6 +295,7 @@ int QVA_dumpState(void) {
     clapiTraceRaw("qvaclient state dump: DLL Version=%s Trace Level=%d clientAPITraceFile=%s\n", kDllVersion,
                   traceLevel(), clapiTraceFilenameCopy().c_str());
     clapiDumpGatewayTokens();
+    QVA_ECI_dumpChannels();
   }
   TRACE_EXIT(1107, "API.QVA_dumpState()\n");
   return rc;

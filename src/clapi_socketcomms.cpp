@@ -72,7 +72,8 @@ void writeEciBody(SocketBuffer *sb, GatewayRequest *request) {
       int32_t sendLength = request->requestDataLength > 0 ? request->requestDataLength : request->commareaLength;
       if (sendLength > 0) writeBytes(sb, request->commarea, static_cast<uint32_t>(sendLength));
     }
-    writeByte(sb, 0x00);  // no channel travels with a COMMAREA call
+    writeByte(sb, request->channel != nullptr ? 0xFF : 0x00);
+    if (request->channel != nullptr) writeChannel(sb, request->channel);
   } else if (request->callType == kCallTypeListSystems) {
     writeInt(sb, request->systemCount);
   }
@@ -132,7 +133,13 @@ int readProgramReply(SocketBuffer *sb, GatewayRequest *request, int32_t commarea
       std::memset(request->commarea + kept, 0, static_cast<size_t>(clearTo - kept));
     }
   }
-  if (readByte(sb) != 0 && !bufferFailed(sb)) {
+  const bool channelReturned = readByte(sb) != 0;
+  if (!channelReturned || bufferFailed(sb)) {
+    // nothing more
+  } else if (request->channel != nullptr) {
+    int mergeRc = readChannel(sb, request->channel);
+    if (rc == QVA_OK) rc = mergeRc;
+  } else {
     // A channel return flow answers a channel request only.
     TRACE_EXC(3228,
               "clapi_socketcomms.clapiFlowECIRequest Gateway returned a channel for a COMMAREA request; %lu bytes "
@@ -279,6 +286,8 @@ int32_t calculateECIRequestSize(const GatewayRequest *request) {
     if (carriesCommarea(request)) {
       size += request->requestDataLength > 0 ? request->requestDataLength : request->commareaLength;
     }
+    // The channel call has checked that its channel fits the 32-bit size.
+    if (request->channel != nullptr) size += static_cast<int32_t>(channelWireSize(request->channel));
   }
   TRACE_EXIT(3214, "clapi_socketcomms.calculateECIRequestSize(*request=%p) requestSize=%d\n", addr(request), size);
   return size;

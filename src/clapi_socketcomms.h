@@ -18,6 +18,8 @@ inline constexpr int32_t kCallTypeListSystems = 9;
 inline constexpr int32_t kCallTypeSyncTpn = 12;
 inline constexpr uint32_t kSystemEntrySize = 70;
 
+struct QvaChannel;
+
 // One request and, after the flow, its reply. The first nine fields are the
 // header; the record holds flowQualifier before flowReserved, while the wire
 // carries flowReserved first, in both directions.
@@ -48,6 +50,7 @@ struct GatewayRequest {
   uint8_t *commarea;
   int32_t replyDataLength;
   int32_t requestDataLength;
+  QvaChannel *channel;  // a channel call's channel, else null
   int16_t timeout;
   uint8_t trailerFlag;
   int32_t extensionMarker;
@@ -75,3 +78,11 @@ CLAPI_EXPORT int clapiFlowECIRequest(int socketDesc, GatewayRequest *request, in
 
 // Request body size as the header announces it.
 int32_t calculateECIRequestSize(const GatewayRequest *request);
+
+// ---- Channels on the wire (the caller holds the channel's lock) ---------------
+
+// Bytes of the channel block: 24, and 28 plus the data of each container.
+uint64_t channelWireSize(const QvaChannel *channel);
+void writeChannel(SocketBuffer *sockBuffer, QvaChannel *channel);
+// Merges a return flow into the channel; stops at the first failing entry.
+int readChannel(SocketBuffer *sockBuffer, QvaChannel *channel);

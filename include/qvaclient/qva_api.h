@@ -6,10 +6,12 @@
 #include "qva_codes.h"
 #include "qva_eci.h"
 
+#ifndef QVA_API
 #if defined(__GNUC__)
 #define QVA_API __attribute__((visibility("default")))
 #else
 #define QVA_API
+#endif
 #endif
 
 #ifdef __cplusplus
@@ -48,8 +50,8 @@ QVA_API void QVA_setAPITraceDataOffset(unsigned int dataOffset);
 /* Most bytes a trace dump shows; 0 shows whole blocks. */
 QVA_API void QVA_setAPITraceDataLength(unsigned int dataLength);
 
-/* Writes the library's state (settings, connections) to the trace at every
- * level, level 0 included. */
+/* Writes the library's state (settings, connections, channels) to the trace
+ * at every level, level 0 included. */
 QVA_API int QVA_dumpState(void);
 
 /* ---- Connections --------------------------------------------------------- */
@@ -81,6 +83,16 @@ QVA_API int QVA_closeAllGatewayConnections(void);
  * A reply that carries a channel for a COMMAREA call is dropped likewise and
  * gives QVA_ERR_SYSTEM_ERROR. */
 QVA_API int QVA_ECI_Execute(QvaGatewayToken *gwTok, ECI_PARMS *EciParms);
+
+/* Calls a server program with the channel in eci_channel (eci_version 4,
+ * no COMMAREA). The channel is locked for the whole round trip, and the
+ * containers the program added, changed or deleted are merged into it. When
+ * the merge fails (QVA_ERR_SYSTEM_ERROR, QVA_ERR_MALLOCFAIL or
+ * QVA_ERR_LOSTGWCON), the entries merged before the failing one stay merged,
+ * and every container holds either its old data or its new data in full.
+ * eci_password is briefly overwritten with '*' while the block is traced and
+ * is restored before the call returns. */
+QVA_API int QVA_ECI_Execute_Channel(QvaGatewayToken *gwTok, ECI_PARMS *EciParms);
 
 /* Lists the servers the Gateway knows. *Systems holds the number of entries
  * that List can take and receives the number of servers the Gateway reports.

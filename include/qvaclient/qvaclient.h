@@ -5,5 +5,6 @@
 #include "qva_codes.h"
 #include "qva_eci.h"
 #include "qva_api.h"
+#include "qva_channel.h"
 
 #endif /* QVACLIENT_QVACLIENT_H */

@@ -1,5 +1,5 @@
 // Closing every connection at once, the runaway limit of the token list, and
-// the token list as QVA_dumpState shows it.
+// the token list and the channels as QVA_dumpState shows them.
 #include <unistd.h>
 
 #include "e2e_support.h"
@@ -64,22 +64,59 @@ TEST_F(CloseAllTest, OnAnEmptyListItReturnsOkAndSaysSoOnlyInTheTrace) {
   EXPECT_EQ(exit->message, "API.QVA_closeAllGatewayConnections() gwyTokRc=1006, rc=0 QVA_OK");
 }
 
-TEST_F(CloseAllTest, DumpStateListsEveryTokenThenTheTotal) {
+TEST_F(CloseAllTest, DumpStateListsEveryTokenThenEveryChannel) {
   QvaGatewayToken* first = nullptr;
   QvaGatewayToken* second = nullptr;
   ASSERT_EQ(QVA_openRemoteGatewayConnection(kLoopback, gw_.port(), &first, 5), QVA_OK);
   ASSERT_EQ(QVA_openRemoteGatewayConnection(kLoopback, gw_.port(), &second, 0), QVA_OK);
+  QvaChannel* older = nullptr;
+  QvaChannel* newer = nullptr;
+  ASSERT_EQ(ECI_createChannel("OLDER", &older), ECI_NO_ERROR);
+  ASSERT_EQ(ECI_createChannel("NEWER_CHANNEL_16", &newer), ECI_NO_ERROR);
+  ASSERT_EQ(ECI_createContainer(newer, "BITS", ECI_BIT, 37, "\x01\x02\x03", 3), ECI_NO_ERROR);
+  ASSERT_EQ(ECI_createContainer(newer, "TEXT", ECI_CHAR, 1208, "hello", 5), ECI_NO_ERROR);
   TraceCapture trace(0);
   EXPECT_EQ(QVA_dumpState(), QVA_OK);
   const auto lines = linesOf(trace.text());
 
   const std::string dashes(80, '-');
   std::vector<std::string> body;
+  std::vector<std::string> channels;
   bool inDump = false;
   for (const auto& l : lines) {
     if (l == "Gateway Token List dump") inDump = true;
-    if (inDump) body.push_back(l);
+    if (l == "Channel and container dump") inDump = false;
+    (inDump ? body : channels).push_back(l);
   }
+  // Channels newest first, each with its containers newest first.
+  const std::string chanPrefix = "Channel list entry -000";
+  ASSERT_EQ(channels.size(), 10u) << trace.text();
+  EXPECT_EQ(channels[1], "Channel and container dump");
+  EXPECT_EQ(channels[2], dashes);
+  const std::regex channel(
+      R"(Channel list entry -(\d{4})- : Channel\((0x[0-9a-f]+)\): eyecatcher\(QVACHANN\) name\((.{16})\) lock\((0x[0-9a-f]+)\) ccsid\((-?\d+)\) numContainers\((\d+)\) nextChannel\((0x[0-9a-f]+|\(nil\))\) firstCont\((0x[0-9a-f]+|\(nil\))\) currentCont\(\(nil\)\))");
+  std::smatch n, o;
+  ASSERT_TRUE(std::regex_match(channels[3], n, channel)) << channels[3];
+  ASSERT_TRUE(std::regex_match(channels[6], o, channel)) << channels[6];
+  EXPECT_EQ(n[1].str() + n[2].str() + n[3].str() + n[5].str() + n[6].str() + n[7].str(),
+            "0001" + ptrText(newer) + "NEWER_CHANNEL_16" + "12082" + ptrText(older));
+  EXPECT_EQ(o[1].str() + o[2].str() + o[3].str() + o[5].str() + o[6].str() + o[7].str() + o[8].str(),
+            "0002" + ptrText(older) + "OLDER" + std::string(11, '\0') + "-10(nil)(nil)");
+  const std::regex container(
+      R"(   Container list entry -0001/(\d{4})- : Container\((0x[0-9a-f]+)\): eyecatcher\(QVACONTA\) name\((.{16})\) type\((\d)\) ccsid\((\d+)\) dataLength\((\d+)\) dataPtr\((0x[0-9a-f]+)\) nextCont\((0x[0-9a-f]+|\(nil\))\))");
+  std::smatch c1, c2;
+  ASSERT_TRUE(std::regex_match(channels[4], c1, container)) << channels[4];
+  ASSERT_TRUE(std::regex_match(channels[5], c2, container)) << channels[5];
+  EXPECT_EQ(c1[1].str() + c1[3].str() + c1[4].str() + c1[5].str() + c1[6].str(),
+            "0001" + std::string("TEXT") + std::string(12, '\0') + "212085");
+  EXPECT_EQ(c2[1].str() + c2[3].str() + c2[4].str() + c2[5].str() + c2[6].str(),
+            "0002" + std::string("BITS") + std::string(12, '\0') + "103");
+  EXPECT_EQ(n[8].str(), c1[2].str());
+  EXPECT_EQ(c1[8].str(), c2[2].str());
+  EXPECT_EQ(c2[8].str(), "(nil)");
+  EXPECT_EQ(channels[7], "Total number of channels=2");
+  EXPECT_EQ(channels[8], dashes);
+  EXPECT_EQ(ECI_deleteAllChannels(), ECI_NO_ERROR);
   ASSERT_FALSE(lines.empty());
   EXPECT_EQ(lines.front(), "qvaclient state dump: DLL Version=8.0.0.1 Trace Level=0 clientAPITraceFile=" + trace.path());
   ASSERT_EQ(body.size(), 6u) << "\n" << trace.text();

@@ -12,6 +12,8 @@ typedef char commarea_at_50[(offsetof(ECI_PARMS, eci_commarea) == 50) ? 1 : -1];
 typedef char luw_token_at_64[(offsetof(ECI_PARMS, eci_luw_token) == 64) ? 1 : -1];
 typedef char channel_at_86[(offsetof(ECI_PARMS, eci_channel) == 86) ? 1 : -1];
 typedef char system_entry_is_70_bytes[(sizeof(QVA_SYSTEM_ENTRY) == 70) ? 1 : -1];
+typedef char container_info_is_29_bytes[(sizeof(ContainerInfo) == 29) ? 1 : -1];
+typedef char info_length_at_25[(offsetof(ContainerInfo, dataLength) == 25) ? 1 : -1];
 
 static int failures = 0;
 
@@ -28,6 +30,9 @@ int main(void) {
   int level = -1;
   QvaGatewayToken *token = NULL;
   ECI_PARMS parms;
+  QvaChannel *channel = NULL;
+  ContainerInfo info;
+  int32_t ccsid = 0;
 
   memset(&parms, 0, sizeof parms);
   parms.eci_call_type = ECI_SYNC;
@@ -44,6 +49,12 @@ int main(void) {
   check(QVA_closeGatewayConnection(NULL) == QVA_ERR_NULLGWTOKPTR, "QVA_closeGatewayConnection(NULL)");
   check(QVA_closeGatewayConnection(&token) == QVA_ERR_NULLGWTOK, "QVA_closeGatewayConnection(&NULL)");
   check(QVA_ECI_Execute(NULL, &parms) == QVA_ERR_NULLGWTOK, "QVA_ECI_Execute(NULL token)");
+  check(QVA_ECI_Execute_Channel(NULL, &parms) == QVA_ERR_NULLGWTOK, "QVA_ECI_Execute_Channel(NULL token)");
+  check(ECI_createChannel("C99", &channel) == ECI_NO_ERROR, "ECI_createChannel");
+  check(ECI_createContainer(channel, "DATA", ECI_BIT, 0, "abc", 3) == ECI_NO_ERROR, "ECI_createContainer");
+  check(ECI_getFirstContainer(channel, &info) == ECI_NO_ERROR && info.dataLength == 3, "ECI_getFirstContainer");
+  check(ECI_deleteChannel(&channel) == ECI_NO_ERROR && channel == NULL, "ECI_deleteChannel");
+  check(getCurrentCcsid(&ccsid) == 0 && ccsid > 0 && CodeSetTable[0].ccsid == 1089, "getCurrentCcsid");
 
   printf("%d failed\n", failures);
   return failures == 0 ? 0 : 1;

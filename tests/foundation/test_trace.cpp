@@ -332,10 +332,12 @@ TEST_F(TraceFileTest, RcStringTracesTheNestedEciLookup) {
                    "1131 EXIT   clapi_impl.QVA_getRcString(rcString=QVA_ERR_LOCKFAIL) rc=-121"}));
 }
 
-TEST_F(TraceFileTest, DumpStatePrintsStateAndTokenListAtEveryLevel) {
+TEST_F(TraceFileTest, DumpStatePrintsStateTokensAndChannelsAtEveryLevel) {
+  const std::string dashes(80, '-');
   EXPECT_EQ(QVA_dumpState(), QVA_OK);
   EXPECT_EQ(all(), (Lines{"qvaclient state dump: DLL Version=8.0.0.1 Trace Level=0 clientAPITraceFile=" + path(),
-                          "The Gateway Token List is EMPTY"}));
+                          "The Gateway Token List is EMPTY", "Channel and container dump", dashes,
+                          "The channel list is EMPTY", dashes}));
   ASSERT_EQ(QVA_setAPITraceLevel(3), QVA_OK);
   mark();
   EXPECT_EQ(QVA_dumpState(), QVA_OK);
@@ -344,6 +346,12 @@ TEST_F(TraceFileTest, DumpStatePrintsStateAndTokenListAtEveryLevel) {
                                 "2180 ENTRY  clapi_qva_gwytok.clapiDumpGatewayTokens()",
                                 "The Gateway Token List is EMPTY",
                                 "2182 EXIT   clapi_qva_gwytok.clapiDumpGatewayTokens() List length=0 rc=1006",
+                                "1410 ENTRY  API.QVA_ECI_dumpChannels()",
+                                "Channel and container dump",
+                                dashes,
+                                "The channel list is EMPTY",
+                                dashes,
+                                "1419 EXIT   API.QVA_ECI_dumpChannels() rc=0 (ECI_NO_ERROR)",
                                 "1107 EXIT   API.QVA_dumpState()"}));
 }
 
