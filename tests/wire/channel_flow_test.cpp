@@ -1,0 +1,245 @@
+// QVA_ECI_Execute_Channel over a real gateway token against a scripted peer:
+// the channel block byte for byte, every return-flow state and each way a
+// merge fails, what the channel holds afterwards, and the caller's block.
+
+#include <algorithm>
+#include <functional>
+#include <sstream>
+
+#include "clapi_channel.h"
+#include "fake_gateway.h"
+
+namespace {
+
+using namespace wire;
+
+// A container entry as the wire carries it.
+Bytes entry(const std::string &name, uint8_t state, uint8_t type, uint32_t ccsid, const Bytes &data,
+            uint32_t announced) {
+  Bytes n = ascii(name);
+  n.resize(16, 0);
+  return cat({n, Bytes{state, 0x55, 0xAA, type}, be32(ccsid), be32(announced), data});
+}
+Bytes entry(const std::string &name, uint8_t state, uint8_t type = 1, uint32_t ccsid = 0, const std::string &data = "") {
+  return entry(name, state, type, ccsid, ascii(data), static_cast<uint32_t>(data.size()));
+}
+
+// A program reply carrying a return flow for a channel named `name`.
+Bytes channelReply(const std::string &name, uint32_t ccsid, uint32_t count, const Bytes &entries,
+                   const std::string &rc = "00000000") {
+  Bytes n = ascii(name);
+  n.resize(16, 0);
+  return message(1, "ECI", cat({hex("00000001 00000077 00000000"), hex(rc), ascii("ABND"), hex("00000000 00 FF"), n,
+                                be32(ccsid), be32(count), entries}));
+}
+
+class ChannelFlowTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    gateway = FakeGateway::accepting(listener.fd);
+    gateway->expect(55).send(message(5, "BASE", {}));
+    ASSERT_EQ(QVA_openRemoteGatewayConnection("127.0.0.1", listener.port, &token, 5), QVA_OK);
+    makeChannel();
+    parms.eci_version = ECI_VERSION_4;
+    parms.eci_call_type = ECI_SYNC;
+    std::memcpy(parms.eci_program_name, "CHPROG  ", 8);
+    std::memcpy(parms.eci_userid, "USER0001        ", 16);
+    std::memcpy(parms.eci_password, kPassword.data(), 16);
+    std::memcpy(parms.eci_transid, "TRN1", 4);
+    std::memcpy(parms.eci_system_name, "SYSTEM01", 8);
+    parms.eci_timeout = 0x0102;
+  }
+
+  // DEL, MOD and KEEP, newest first; the channel CCSID is 1208.
+  void makeChannel() {
+    ASSERT_EQ(ECI_createChannel("CHANNEL", &channel), ECI_NO_ERROR);
+    ASSERT_EQ(ECI_createContainer(channel, "KEEP", ECI_BIT, 0, "keep", 4), ECI_NO_ERROR);
+    ASSERT_EQ(ECI_createContainer(channel, "MOD", ECI_CHAR, 1208, "abc", 3), ECI_NO_ERROR);
+    ASSERT_EQ(ECI_createContainer(channel, "DEL", ECI_BIT, 0, "zz", 2), ECI_NO_ERROR);
+    parms.eci_channel = channel;
+  }
+  void TearDown() override {
+    gateway->expect(33).send(message(10, "BASE", {}));
+    EXPECT_EQ(QVA_closeGatewayConnection(&token), QVA_OK);
+    EXPECT_TRUE(gateway->drain()) << gateway->errors();
+    EXPECT_EQ(ECI_deleteAllChannels(), ECI_NO_ERROR);
+    QVA_setAPITraceLevel(0);
+  }
+
+  // The channel as "NAME:type:ccsid:data" in list order.
+  std::string contents() {
+    std::ostringstream out;
+    for (Container *c = channel->firstCont; c != nullptr; c = c->nextCont) {
+      out << std::string(c->name, strnlen(c->name, 16)) << ":" << c->type << ":" << c->ccsid << ":"
+          << std::string(reinterpret_cast<char *>(c->dataPtr), c->dataLength) << " ";
+    }
+    return out.str();
+  }
+
+  // A call whose reply is `reply`; the request is read whole first.
+  int call(const Bytes &reply) {
+    gateway->expect(requestSize()).send(reply);
+    int rc = QVA_ECI_Execute_Channel(token, &parms);
+    EXPECT_TRUE(gateway->drain()) << gateway->errors();
+    return rc;
+  }
+  // Header, the fixed fields of a call, then 24 for the channel and 28 plus
+  // the data for each container.
+  size_t requestSize() {
+    size_t size = 32 + 95 + 24;
+    for (Container *c = channel->firstCont; c != nullptr; c = c->nextCont) size += 28 + c->dataLength;
+    return size;
+  }
+
+  Listener listener;
+  std::unique_ptr<FakeGateway> gateway;
+  QvaGatewayToken *token = nullptr;
+  QvaChannel *channel = nullptr;
+  ECI_PARMS parms{};
+};
+
+TEST_F(ChannelFlowTest, RequestCarriesTheChannelNewestFirstEveryEntryAsAdded) {
+  ASSERT_EQ(ECI_createContainer(channel, "EMPTY", ECI_CHAR, 0, nullptr, 0), ECI_NO_ERROR);
+  ASSERT_EQ(call(channelReply("CHANNEL", 1208, 0, {})), QVA_OK);
+  const Bytes expected = cat(
+      {header(1, "ECI", 95 + 24 + 4 * 28 + 9), hex("00000001 00000000 00000000 00000000 00 00000008"),
+       ascii("SYSTEM01USER0001        "), ascii(kPassword), ascii("CHPROG  TRN1"), hex("00000000 00000000 00 00 FF"),
+       ascii("CHANNEL"), fill(9, 0), hex("000004B8 00000004"),                      // CCSID 1208, 4 containers
+       ascii("EMPTY"), fill(11, 0), hex("01000002 000004B8 00000000"),               // the channel's CCSID
+       ascii("DEL"), fill(13, 0), hex("01000001 00000000 00000002"), ascii("zz"),
+       ascii("MOD"), fill(13, 0), hex("01000002 000004B8 00000003"), ascii("abc"),
+       ascii("KEEP"), fill(12, 0), hex("01000001 00000000 00000004"), ascii("keep"),
+       hex("0102 00 FFFFFFFF 00000000")});
+  EXPECT_EQ(gateway->request(1), expected);
+  EXPECT_EQ(std::string(parms.eci_abend_code, 4), "ABND");
+  EXPECT_EQ(parms.eci_luw_token, 0x77);
+}
+
+TEST_F(ChannelFlowTest, AnEmptyChannelIsTwentyFourBytesAndGetsTheLocaleCcsid) {
+  QvaChannel *empty = nullptr;
+  ASSERT_EQ(ECI_createChannel("E", &empty), ECI_NO_ERROR);
+  parms.eci_channel = empty;
+  unsetenv("LANG");
+  gateway->expect(32 + 95 + 24).send(channelReply("E", 819, 0, {}));
+  ASSERT_EQ(QVA_ECI_Execute_Channel(token, &parms), QVA_OK);
+  ASSERT_TRUE(gateway->drain()) << gateway->errors();
+  EXPECT_EQ(slice(gateway->request(1), 32 + 95 - 11, 24), cat({ascii("E"), fill(15, 0), hex("00000333 00000000")}));
+}
+
+struct MergeCase {
+  const char *what;
+  uint32_t count;
+  Bytes entries;
+  int rc;
+  std::string after;  // the channel afterwards, in list order
+};
+
+TEST_F(ChannelFlowTest, ReturnFlowsMergeUpToTheFirstFailingEntry) {
+  const std::string start = "DEL:1:0:zz MOD:2:1208:abc KEEP:1:0:keep ";
+  const MergeCase cases[] = {
+      {"every state", 4,
+       cat({entry("NEW", 1, 2, 37, "new"), entry("DEL", 2), entry("MOD", 3, 1, 500, "ABCDEF"), entry("KEEP", 4)}), QVA_OK,
+       "NEW:2:37:new MOD:1:500:ABCDEF KEEP:1:0:keep "},
+      {"an empty addition", 1, entry("NONE", 1), QVA_OK, "NONE:1:0: " + start},
+      {"a second container of a name", 1, entry("KEEP", 1, 1, 0, "two"), QVA_OK, "KEEP:1:0:two " + start},
+      {"an unknown state is passed over", 2, cat({entry("DEL", 9), entry("ADD", 1, 1, 0, "a")}), QVA_OK,
+       "ADD:1:0:a " + start},
+      {"deleting a container the channel lacks", 3,
+       cat({entry("A1", 1, 1, 0, "1"), entry("NOPE", 2), entry("A2", 1, 1, 0, "2")}), QVA_ERR_SYSTEM_ERROR,
+       "A1:1:0:1 " + start},
+      {"modifying a container the channel lacks", 2, cat({entry("NOPE", 3, 1, 0, "x"), entry("DEL", 2)}),
+       QVA_ERR_SYSTEM_ERROR, start},
+      {"an entry longer than the reply", 2, cat({entry("DEL", 2), entry("MOD", 3, 2, 1208, ascii("XYZ"), 1000)}),
+       QVA_ERR_SYSTEM_ERROR, "MOD:2:1208:abc KEEP:1:0:keep "},
+      {"an addition longer than the reply", 1, entry("BIG", 1, 1, 0, ascii("tiny"), 0x7FFFFFFF), QVA_ERR_SYSTEM_ERROR,
+       start},
+      {"a count beyond the entries", 3, cat({entry("DEL", 2), slice(entry("KEEP", 4), 0, 10)}), QVA_ERR_SYSTEM_ERROR,
+       "MOD:2:1208:abc KEEP:1:0:keep "},
+      {"a huge count", 0x7FFFFFFF, entry("KEEP", 4), QVA_ERR_SYSTEM_ERROR, start},
+  };
+  for (const MergeCase &c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EQ(call(channelReply("CHANNEL", 1208, c.count, c.entries)), c.rc);
+    EXPECT_EQ(contents(), c.after);
+    EXPECT_EQ(channel->numContainers, static_cast<int32_t>(std::count(c.after.begin(), c.after.end(), ' ')));
+    // The connection is still in step for the next call.
+    ASSERT_EQ(call(channelReply("CHANNEL", 1208, 0, {})), QVA_OK);
+    ASSERT_EQ(ECI_deleteChannel(&channel), ECI_NO_ERROR);
+    makeChannel();
+  }
+}
+
+TEST_F(ChannelFlowTest, SameLengthRewritesInPlaceAndTheReplyMayRenameTheChannel) {
+  Container *mod = findContainer(channel, "MOD");
+  uint8_t *before = mod->dataPtr;
+  ContainerInfo info;
+  ASSERT_EQ(ECI_getFirstContainer(channel, &info), ECI_NO_ERROR);  // the walk stands on DEL
+  const Bytes entries = cat({entry("MOD", 3, 2, 1208, "XYZ"), entry("DEL", 2)});
+  EXPECT_EQ(call(channelReply("RENAMED_CHANNEL!", 273, 2, entries, "FFFFFFF9")), ECI_ERR_TRANSACTION_ABEND);
+  EXPECT_EQ(mod->dataPtr, before);
+  EXPECT_EQ(contents(), "MOD:2:1208:XYZ KEEP:1:0:keep ");
+  char name[17];
+  ASSERT_EQ(ECI_getChannelName(channel, name), ECI_NO_ERROR);
+  EXPECT_STREQ(name, "RENAMED_CHANNEL!");
+  EXPECT_EQ(channel->ccsid, 273);
+  ASSERT_EQ(ECI_getNextContainer(channel, &info), ECI_NO_ERROR) << "the walk's cursor left the deleted container";
+  EXPECT_STREQ(info.name, "MOD");
+}
+
+TEST_F(ChannelFlowTest, AReplyCutShortLeavesEachContainerWhole) {
+  for (const Bytes &cut : {entry("MOD", 3, 2, 1208, ascii("XY"), 3), entry("MOD", 3, 2, 1208, ascii("WXY"), 4),
+                           entry("NEW", 1, 1, 0, ascii("WXY"), 4)}) {
+    Bytes reply = channelReply("CHANNEL", 1208, 1, cat({cut, ascii("Z")}));
+    reply.pop_back();  // the header counts a byte that never comes
+    gateway->expect(requestSize()).send(reply).hangUp();
+    EXPECT_EQ(QVA_ECI_Execute_Channel(token, &parms), QVA_ERR_LOSTGWCON);
+    EXPECT_TRUE(gateway->drain()) << gateway->errors();
+    EXPECT_EQ(contents(), "DEL:1:0:zz MOD:2:1208:abc KEEP:1:0:keep ");
+    ASSERT_EQ(QVA_closeGatewayConnection(&token), QVA_OK);
+    gateway = FakeGateway::accepting(listener.fd);
+    gateway->expect(55).send(message(5, "BASE", {}));
+    ASSERT_EQ(QVA_openRemoteGatewayConnection("127.0.0.1", listener.port, &token, 5), QVA_OK);
+  }
+}
+
+TEST_F(ChannelFlowTest, BadCallsAreRefusedBeforeAnythingIsSent) {
+  int notAChannel[32] = {};
+  char area[4];
+  const struct {
+    const char *what;
+    std::function<void(ECI_PARMS &)> change;
+    int rc;
+  } cases[] = {
+      {"version 3", [](ECI_PARMS &p) { p.eci_version = 3; }, ECI_ERR_INVALID_VERSION},
+      {"no channel", [](ECI_PARMS &p) { p.eci_channel = nullptr; }, ECI_ERR_INVALID_CHANNEL},
+      {"a COMMAREA too", [&](ECI_PARMS &p) { p.eci_commarea = area, p.eci_commarea_length = 4; },
+       ECI_ERR_COMMAREA_AND_CHANNEL},
+      {"not a channel", [&](ECI_PARMS &p) { p.eci_channel = reinterpret_cast<QvaChannel *>(notAChannel); },
+       ECI_ERR_INVALID_CHANNEL},
+  };
+  for (const auto &c : cases) {
+    ECI_PARMS changed = parms;
+    c.change(changed);
+    EXPECT_EQ(QVA_ECI_Execute_Channel(token, &changed), c.rc) << c.what;
+  }
+  EXPECT_EQ(QVA_ECI_Execute_Channel(nullptr, nullptr), QVA_ERR_NULLGWTOK);
+  EXPECT_EQ(QVA_ECI_Execute_Channel(token, nullptr), QVA_ERR_NULLECIPOINTER);
+  ASSERT_TRUE(gateway->drain());
+  EXPECT_EQ(gateway->unread(), Bytes{});
+}
+
+TEST_F(ChannelFlowTest, ThePasswordIsMaskedInTheTraceAndIntactAfterTheCall) {
+  TraceCapture trace(5);
+  ASSERT_EQ(call(channelReply("CHANNEL", 1208, 0, {})), QVA_OK);
+  EXPECT_EQ(std::string(parms.eci_password, 16), kPassword);
+  const std::string text = trace.text();
+  EXPECT_EQ(text.find(kPassword.substr(0, 8)), std::string::npos);
+  // Both dumps of the block show the caller's own address.
+  EXPECT_EQ(countLines(text, 3357, "DATA",
+                       "API\\.QVA_ECI_Execute_Channel EciParms=" + ptrText(&parms) + " len=94 stopword=00000000"),
+            2);
+  EXPECT_EQ(countLines(text, 3244, "ENTRY", "clapi_socketcomms\\.writeChannel\\(.*"), 1);
+  EXPECT_EQ(countLines(text, 3359, "EXIT", "API\\.QVA_ECI_Execute_Channel\\(\\) rc=0 \\(QVA_OK\\)"), 1);
+}
+
+}  // namespace
