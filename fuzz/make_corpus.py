@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""Writes the seed corpus: well-formed and damaged Gateway replies.
+"""Writes the seed corpora: well-formed and damaged Gateway replies.
 
-The first byte of each seed picks the flow: 0 handshake, 1 close, 2 COMMAREA
-call (6: the same with extend mode 2), 3 server list."""
+corpus/: the first byte of each seed picks the flow: 0 handshake, 1 close,
+2 COMMAREA call (6: the same with extend mode 2), 3 server list.
+corpus_channel/: replies to a channel call holding KEEP, TEXT and EMPTY."""
 import os
 import struct
 
@@ -55,7 +56,36 @@ seeds["list_oversize"] = b"\x03" + header(1, b"ECI", len(body)) + body
 body = struct.pack(">iiii", 9, 1, 0, -70)
 seeds["list_negative"] = b"\x03" + header(1, b"ECI", len(body)) + body
 
-os.makedirs(os.path.join(HERE, "corpus"), exist_ok=True)
-for name, data in seeds.items():
-    with open(os.path.join(HERE, "corpus", name), "wb") as f:
-        f.write(data)
+
+
+def entry(name, state, data=b"", ctype=1, ccsid=0, length=None):
+    return (name.encode().ljust(16, b"\x00") + bytes([state, 0, 0, ctype]) +
+            struct.pack(">iI", ccsid, len(data) if length is None else length) + data)
+
+
+def channel_reply(entries, count=None, name=b"FUZZ", ccsid=1208):
+    body = (struct.pack(">iiii", 1, 7, 0, 0) + b"    " + struct.pack(">i", 0) + b"\x00" + b"\xff" +
+            name.ljust(16, b"\x00") + struct.pack(">ii", ccsid, len(entries) if count is None else count) +
+            b"".join(entries))
+    return header(1, b"ECI", len(body)) + body
+
+
+channel_seeds = {
+    "every_state": channel_reply([entry("NEW", 1, b"new", 2, 37), entry("KEEP", 2), entry("TEXT", 3, b"TEXT!"),
+                                  entry("EMPTY", 4)]),
+    "same_length": channel_reply([entry("TEXT", 3, b"SOME TEXT", 2, 1208)]),
+    "delete_cursor": channel_reply([entry("TEXT", 2), entry("EMPTY", 3, b"now full")]),
+    "renamed_none": channel_reply([], name=b"RENAMED_CHANNEL!"),
+    "unknown_state": channel_reply([entry("X", 9), entry("Y", 1, b"y")]),
+    "delete_unknown": channel_reply([entry("NOPE", 2), entry("Z", 1)]),
+    "lying_length": channel_reply([entry("TEXT", 3, b"abc", length=1000)]),
+    "huge_count": channel_reply([entry("KEEP", 4)], count=0x7FFFFFFF),
+    "truncated": channel_reply([entry("KEEP", 2)], count=2)[:-10],
+    "no_channel": header(1, b"ECI", 22) + struct.pack(">iiii", 1, 7, 0, 0) + b"    " + b"\x00\x00",
+}
+
+for folder, table in (("corpus", seeds), ("corpus_channel", channel_seeds)):
+    os.makedirs(os.path.join(HERE, folder), exist_ok=True)
+    for name, data in table.items():
+        with open(os.path.join(HERE, folder, name), "wb") as f:
+            f.write(data)
