@@ -222,6 +222,16 @@ TEST_F(ChannelFlowTest, BadCallsAreRefusedBeforeAnythingIsSent) {
     c.change(changed);
     EXPECT_EQ(QVA_ECI_Execute_Channel(token, &changed), c.rc) << c.what;
   }
+  // Lengths that only the 64-bit sum holds: 2 GiB of data cannot be sent
+  // with a 32-bit size. Refused before any byte is read from the blocks.
+  Container *keep = findContainer(channel, "KEEP");
+  Container *mod = findContainer(channel, "MOD");
+  const uint32_t keepLength = keep->dataLength, modLength = mod->dataLength;
+  keep->dataLength = 0x7FFFFF00u;
+  mod->dataLength = 0x7FFFFF00u;
+  EXPECT_EQ(QVA_ECI_Execute_Channel(token, &parms), QVA_ERR_INVALID_DATA_LENGTH);
+  keep->dataLength = keepLength;
+  mod->dataLength = modLength;
   EXPECT_EQ(QVA_ECI_Execute_Channel(nullptr, nullptr), QVA_ERR_NULLGWTOK);
   EXPECT_EQ(QVA_ECI_Execute_Channel(token, nullptr), QVA_ERR_NULLECIPOINTER);
   ASSERT_TRUE(gateway->drain());
