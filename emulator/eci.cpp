@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cctype>
 
+#include "channels.h"
+
 namespace qvaemu::eci {
 
 namespace {
@@ -35,6 +37,37 @@ const ServerEntry* findServer(const Config& config, const std::string& name) {
   return nullptr;
 }
 
+// ECHO, UPPER, ABEND, SLEEP, SHORT; any other name abends with AEI0. False
+// when the wait of a SLEEP was cut short.
+bool runCommareaProgram(const std::string& program, std::vector<uint8_t>& commarea, size_t received,
+                        int16_t timeout, const Waiter& wait, ProgramResult& result) {
+  if (program == "ECHO") {
+  } else if (program == "UPPER") {
+    for (auto& b : commarea)
+      if (b >= 'a' && b <= 'z') b = static_cast<uint8_t>(b - 'a' + 'A');
+  } else if (program == "ABEND") {
+    result.rc = kEciErrTransactionAbend;
+    result.abend = code("ABND");
+    if (received >= 4 && std::none_of(commarea.begin(), commarea.begin() + 4, isBlank))
+      result.abend = {static_cast<char>(commarea[0]), static_cast<char>(commarea[1]),
+                      static_cast<char>(commarea[2]), static_cast<char>(commarea[3])};
+  } else if (program == "SLEEP") {
+    const int ms = sleepMillis(commarea, received);
+    if (timeout > 0 && ms > timeout * 1000) {
+      if (!wait(std::chrono::milliseconds(timeout * 1000))) return false;
+      result.rc = kEciErrResponseTimeout;
+    } else if (!wait(std::chrono::milliseconds(ms))) {
+      return false;
+    }
+  } else if (program == "SHORT") {
+    result.returned = received / 2;
+  } else {
+    result.rc = kEciErrTransactionAbend;
+    result.abend = code("AEI0");
+  }
+  return true;
+}
+
 }  // namespace
 
 int32_t Session::newToken() {
@@ -51,6 +84,7 @@ std::optional<wire::ProgramReply> Session::call(const wire::EciRequest& req, con
   reply.luwToken = req.luwToken;
   reply.commareaLength = req.commareaLength;
   reply.sendData = !wire::carriesNoCommarea(req.extendMode);
+  if (req.channel) reply.channel = channels::emptyFlow(*req.channel);
   auto fail = [&](int32_t rc, int32_t token) {
     reply.replyRc = rc;
     reply.luwToken = token;
@@ -80,30 +114,20 @@ std::optional<wire::ProgramReply> Session::call(const wire::EciRequest& req, con
 
   ProgramResult result;
   result.returned = commarea.size();
+  std::optional<wire::Channel> flow;
   const std::string program = wire::trimField(req.programName);
-  if (program == "ECHO") {
-  } else if (program == "UPPER") {
-    for (auto& b : commarea)
-      if (b >= 'a' && b <= 'z') b = static_cast<uint8_t>(b - 'a' + 'A');
-  } else if (program == "ABEND") {
-    result.rc = kEciErrTransactionAbend;
-    result.abend = code("ABND");
-    if (received >= 4 && std::none_of(commarea.begin(), commarea.begin() + 4, isBlank))
-      result.abend = {static_cast<char>(commarea[0]), static_cast<char>(commarea[1]),
-                      static_cast<char>(commarea[2]), static_cast<char>(commarea[3])};
-  } else if (program == "SLEEP") {
-    const int ms = sleepMillis(commarea, received);
-    if (req.timeout > 0 && ms > req.timeout * 1000) {
-      if (!wait(std::chrono::milliseconds(req.timeout * 1000))) return std::nullopt;
-      result.rc = kEciErrResponseTimeout;
-    } else if (!wait(std::chrono::milliseconds(ms))) {
-      return std::nullopt;
+  if (channels::isChannelProgram(program)) {
+    // Without a channel a channel program changes nothing: the COMMAREA goes
+    // back as it came.
+    if (req.channel) {
+      auto outcome = channels::run(program, *req.channel);
+      result.rc = outcome.rc;
+      flow = std::move(outcome.flow);
     }
-  } else if (program == "SHORT") {
-    result.returned = received / 2;
   } else {
-    result.rc = kEciErrTransactionAbend;
-    result.abend = code("AEI0");
+    if (!runCommareaProgram(program, commarea, received, req.timeout, wait, result)) return std::nullopt;
+    // The channel of a COMMAREA program comes back untouched.
+    if (req.channel) flow = channels::unchangedFlow(*req.channel);
   }
 
   if (result.rc != kEciNoError) {
@@ -117,6 +141,7 @@ std::optional<wire::ProgramReply> Session::call(const wire::EciRequest& req, con
   if (req.hasReplyDataLength && req.replyDataLength > 0) n = std::min(n, static_cast<size_t>(req.replyDataLength));
   reply.data.assign(commarea.begin(), commarea.begin() + static_cast<std::ptrdiff_t>(n));
   reply.replyDataLength = static_cast<int32_t>(n);
+  if (flow) reply.channel = std::move(flow);
   if (mode == 1) {
     if (!inUnit) {
       reply.luwToken = newToken();

@@ -1,6 +1,7 @@
-// The emulated server: its server programs, its list of servers and the
-// extended units of work of one connection. No I/O here; gateway.cpp reads the
-// request, calls in, and writes what comes back.
+// The emulated server: its COMMAREA programs, its list of servers and the
+// extended units of work of one connection; the channel programs are in
+// channels.cpp. No I/O here; connection.cpp reads the request, calls in, and
+// writes what comes back.
 #ifndef QVAEMU_ECI_H
 #define QVAEMU_ECI_H
 
@@ -34,11 +35,11 @@ class Session {
  public:
   // Tokens come from one source shared by every connection, so a new unit
   // never reuses a token that another connection holds.
-  Session(const Config& config, std::atomic<int32_t>& tokenSource)
-      : config_(config), tokenSource_(tokenSource) {}
+  Session(const Config& config, std::atomic<int32_t>& tokenSource) : config_(config), tokenSource_(tokenSource) {}
 
   // A program call (call type 1 or 12). nullopt: the wait of a SLEEP was cut
-  // short, and nothing is to be sent.
+  // short, and nothing is to be sent. A request with a channel always gets a
+  // return flow, with no entries when the call fails.
   std::optional<wire::ProgramReply> call(const wire::EciRequest& req, const Waiter& wait);
 
  private:

@@ -1,6 +1,15 @@
 #include "wire.h"
 
+#include <algorithm>
+
 namespace qvaemu::wire {
+
+namespace {
+
+// Borrowed ranges smaller than this are copied: a copy is cheaper than a piece.
+constexpr size_t kSmallestBorrowed = 4096;
+
+}  // namespace
 
 void Writer::i16(int16_t v) {
   const auto u = static_cast<uint16_t>(v);
@@ -42,6 +51,59 @@ std::span<const uint8_t> Reader::bytes(int64_t n) {
   auto s = in_.subspan(pos_, static_cast<size_t>(n));
   pos_ += static_cast<size_t>(n);
   return s;
+}
+
+Body::Body(std::vector<uint8_t> bytes) : size_(bytes.size()) {
+  if (!bytes.empty()) pieces_.push_back(Piece{std::move(bytes), {}, {}, false});
+}
+
+void Body::append(std::span<const uint8_t> bytes) {
+  if (bytes.empty()) return;
+  if (pieces_.empty() || pieces_.back().borrowed) pieces_.push_back(Piece{});
+  auto& own = pieces_.back().own;
+  own.insert(own.end(), bytes.begin(), bytes.end());
+  size_ += bytes.size();
+}
+
+void Body::borrow(std::span<const uint8_t> bytes, std::shared_ptr<const void> keep) {
+  if (bytes.size() < kSmallestBorrowed) return append(bytes);
+  pieces_.push_back(Piece{{}, bytes, std::move(keep), true});
+  size_ += bytes.size();
+}
+
+void Body::truncate(size_t n) {
+  size_t at = 0;
+  for (size_t i = 0; i < pieces_.size(); ++i) {
+    const size_t len = pieces_[i].bytes().size();
+    if (at + len >= n) {
+      Piece& p = pieces_[i];
+      if (p.borrowed)
+        p.view = p.view.first(n - at);
+      else
+        p.own.resize(n - at);
+      pieces_.resize(i + 1);
+      size_ = n;
+      return;
+    }
+    at += len;
+  }
+}
+
+std::vector<std::span<const uint8_t>> Body::pieces() const {
+  std::vector<std::span<const uint8_t>> out;
+  out.reserve(pieces_.size());
+  for (const auto& p : pieces_) out.push_back(p.bytes());
+  return out;
+}
+
+std::vector<uint8_t> Body::flat() const {
+  std::vector<uint8_t> out;
+  out.reserve(size_);
+  for (const auto& p : pieces_) {
+    const auto b = p.bytes();
+    out.insert(out.end(), b.begin(), b.end());
+  }
+  return out;
 }
 
 std::vector<uint8_t> encodeHeader(const Header& h) {
@@ -91,6 +153,14 @@ bool isProgramCall(int32_t callType) {
 
 bool carriesNoCommarea(int32_t extendMode) { return extendMode == 2 || extendMode == 4; }
 
+bool carriesData(uint8_t state) { return state == kAdded || state == kModified; }
+
+Name16 name16(std::string_view s) {
+  Name16 n{};
+  std::copy_n(s.begin(), std::min(s.size(), n.size()), n.begin());
+  return n;
+}
+
 namespace {
 
 // A flag byte is 0 or 0xFF; anything else means the stream is out of step.
@@ -101,6 +171,62 @@ bool readFlag(Reader& r, bool& flag) {
 }
 
 std::vector<uint8_t> toVector(std::span<const uint8_t> s) { return {s.begin(), s.end()}; }
+
+// The channel block of a request: every entry ADDED, its two spare bytes 0.
+// Data is not copied; the ranges point into the reader's bytes.
+const char* parseChannel(Reader& r, Channel& ch) {
+  ch.name = r.chars<16>();
+  ch.ccsid = r.i32();
+  const int32_t count = r.i32();
+  if (!r.ok()) return "body shorter than its fields";
+  if (count < 0) return "negative container count";
+  // Every entry takes at least its fixed part: a count beyond that is a lie,
+  // and must not make us reserve room for it.
+  if (static_cast<size_t>(count) > r.remaining() / kContainerFixed) return "more containers than the body holds";
+  ch.containers.reserve(static_cast<size_t>(count));
+  for (int32_t i = 0; i < count; ++i) {
+    Container c;
+    c.name = r.chars<16>();
+    c.state = r.u8();
+    const uint8_t spare1 = r.u8();
+    const uint8_t spare2 = r.u8();
+    c.type = r.u8();
+    c.ccsid = r.i32();
+    c.data = r.bytes(r.u32());
+    if (!r.ok()) return "body shorter than its fields";
+    if (c.state != kAdded) return "a request container that is not ADDED";
+    if (spare1 != 0 || spare2 != 0) return "a container entry's spare bytes are not zero";
+    ch.containers.push_back(std::move(c));
+  }
+  return nullptr;
+}
+
+void appendReturnFlow(Body& out, const Channel& ch) {
+  std::vector<uint8_t> bytes;
+  Writer w(bytes);
+  auto name = [&w](const Name16& n) { w.bytes({reinterpret_cast<const uint8_t*>(n.data()), n.size()}); };
+  name(ch.name);
+  w.i32(ch.ccsid);
+  w.i32(ch.announcedCount.value_or(static_cast<int32_t>(ch.containers.size())));
+  for (const auto& c : ch.containers) {
+    name(c.name);
+    w.u8(c.state);
+    w.u8(0);
+    w.u8(0);
+    w.u8(c.type);
+    w.i32(c.ccsid);
+    w.u32(static_cast<uint32_t>(c.size()) + c.lengthSurplus);
+    if (!carriesData(c.state) || c.size() == 0) continue;
+    out.append(bytes);
+    bytes.clear();
+    for (size_t left = c.size(); left > 0;) {
+      const auto part = c.data.first(std::min(left, c.data.size()));
+      out.borrow(part, c.keep);
+      left -= part.size();
+    }
+  }
+  out.append(bytes);
+}
 
 }  // namespace
 
@@ -136,9 +262,13 @@ ParseResult parseEciRequest(std::span<const uint8_t> body, EciRequest& req, std:
       const int32_t d = req.requestDataLength > 0 ? req.requestDataLength : req.commareaLength;
       req.commarea = toVector(r.bytes(d));
     }
-    if (!readFlag(r, req.hasChannel)) return malformed("bad channel-present byte");
+    bool hasChannel = false;
+    if (!readFlag(r, hasChannel)) return malformed("bad channel-present byte");
     if (!r.ok()) return malformed("body shorter than its fields");
-    if (req.hasChannel) return ParseResult::Channel;
+    if (hasChannel) {
+      req.channel.emplace();
+      if (const char* what = parseChannel(r, *req.channel)) return malformed(what);
+    }
   } else if (req.callType == kCallServerList) {
     req.systemCount = r.i32();
   }
@@ -155,7 +285,7 @@ ParseResult parseEciRequest(std::span<const uint8_t> body, EciRequest& req, std:
   return ParseResult::Ok;
 }
 
-std::vector<uint8_t> encodeProgramReply(const ProgramReply& p) {
+Body encodeProgramReply(const ProgramReply& p, size_t* flowOffset) {
   std::vector<uint8_t> out;
   Writer w(out);
   w.i32(p.callType);
@@ -170,13 +300,11 @@ std::vector<uint8_t> encodeProgramReply(const ProgramReply& p) {
     w.i32(p.replyDataLength);
   }
   if (p.sendData) w.bytes(p.data);
-  if (p.channelReturn.empty()) {
-    w.u8(0);
-  } else {
-    w.u8(0xFF);
-    w.bytes(p.channelReturn);
-  }
-  return out;
+  w.u8(p.channel ? 0xFF : 0);
+  Body body(std::move(out));
+  if (flowOffset) *flowOffset = body.size();
+  if (p.channel) appendReturnFlow(body, *p.channel);
+  return body;
 }
 
 std::vector<uint8_t> encodeServerListReply(const ServerListReply& s) {

@@ -1,13 +1,17 @@
 // The Gateway's side of the wire: one reader and one writer own the byte
-// layout; the flows in eci.cpp and gateway.cpp never touch raw bytes.
+// layout; the flows in eci.cpp, channels.cpp and connection.cpp never touch
+// raw bytes.
 #ifndef QVAEMU_WIRE_H
 #define QVAEMU_WIRE_H
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace qvaemu::wire {
@@ -24,6 +28,16 @@ inline constexpr int32_t kCallServerList = 9;
 inline constexpr size_t kHeaderFixed = 29;  // header bytes besides the name
 inline constexpr size_t kNameLengthOffset = 20;
 inline constexpr size_t kEntrySize = 70;  // one server-list entry
+inline constexpr size_t kChannelFixed = 24;  // channel name, CCSID, entry count
+inline constexpr size_t kContainerFixed = 28;  // a container entry before its data
+
+// Container states: every request entry is ADDED; a return flow uses all four.
+inline constexpr uint8_t kAdded = 1;
+inline constexpr uint8_t kDeleted = 2;
+inline constexpr uint8_t kModified = 3;
+inline constexpr uint8_t kUnchanged = 4;
+inline constexpr uint8_t kBit = 1;
+inline constexpr uint8_t kChar = 2;
 
 // Appends big-endian fields to a byte vector.
 class Writer {
@@ -71,6 +85,34 @@ class Reader {
   bool ok_ = true;
 };
 
+// A message body in pieces: bytes it owns, and ranges it borrows (a request's
+// container data, the cached pattern), so that large data goes out with one
+// write and is never copied. Small borrowed ranges are copied instead, which
+// keeps the number of pieces down.
+class Body {
+ public:
+  Body() = default;
+  Body(std::vector<uint8_t> bytes);  // implicit: a body in one piece
+  void append(std::span<const uint8_t> bytes);
+  // `keep` holds the range's storage alive until the body has been sent.
+  void borrow(std::span<const uint8_t> bytes, std::shared_ptr<const void> keep);
+  size_t size() const { return size_; }
+  void truncate(size_t n);  // keeps the first n bytes
+  std::vector<std::span<const uint8_t>> pieces() const;
+  std::vector<uint8_t> flat() const;
+
+ private:
+  struct Piece {
+    std::vector<uint8_t> own;
+    std::span<const uint8_t> view;  // when borrowed
+    std::shared_ptr<const void> keep;
+    bool borrowed = false;
+    std::span<const uint8_t> bytes() const { return borrowed ? view : std::span<const uint8_t>(own); }
+  };
+  std::vector<Piece> pieces_;
+  size_t size_ = 0;
+};
+
 // The message header. The record keeps flowQualifier before flowReserved, but
 // the wire carries flowReserved in the fourth word and flowQualifier in the
 // fifth; encode/decode do the crossing so nothing else has to.
@@ -99,6 +141,36 @@ std::string trimField(const std::array<char, N>& a) {
   return trimField(a.data(), N);
 }
 
+using Name16 = std::array<char, 16>;
+// A name NUL-padded to 16 bytes; longer names are cut.
+Name16 name16(std::string_view s);
+
+// A container entry. In a request, data is a range of the request body; in a
+// return flow it is that too, or storage held by `keep`. The length word is
+// size() plus lengthSurplus (non-zero only when a fault lies about it).
+struct Container {
+  Name16 name{};
+  uint8_t state = kAdded;
+  uint8_t type = kBit;  // the low byte on the wire
+  int32_t ccsid = 0;
+  std::span<const uint8_t> data;
+  std::shared_ptr<const void> keep;
+  // Non-zero: the data is `data` over and over, cut at this many bytes. A
+  // large regular payload then goes out from one small block.
+  size_t repeatedTo = 0;
+  uint32_t lengthSurplus = 0;
+  size_t size() const { return repeatedTo != 0 ? repeatedTo : data.size(); }
+};
+bool carriesData(uint8_t state);  // ADDED and MODIFIED entries are followed by their data
+
+// A request's channel block, or a reply's return flow: the same layout.
+struct Channel {
+  Name16 name{};  // as it travels: NUL-padded, not terminated at 16
+  int32_t ccsid = 0;
+  std::vector<Container> containers;
+  std::optional<int32_t> announcedCount;  // a fault: an entry count other than containers.size()
+};
+
 // An ECI request body, in wire order. Call types 1 and 12 share one layout;
 // 9 carries systemCount; any other call type only the always-present fields.
 struct EciRequest {
@@ -120,7 +192,7 @@ struct EciRequest {
   bool hasReplyDataLength = false;
   int32_t replyDataLength = 0;
   std::vector<uint8_t> commarea;  // the bytes that travelled
-  bool hasChannel = false;  // channel-present byte 0xFF; the block is not parsed
+  std::optional<Channel> channel;  // channel-present byte 0xFF; data ranges point into the body
   int32_t systemCount = 0;
   int16_t timeout = 0;
   uint8_t trailerFlag = 0;
@@ -132,10 +204,10 @@ struct EciRequest {
 bool isProgramCall(int32_t callType);
 bool carriesNoCommarea(int32_t extendMode);  // modes 2 and 4
 
-enum class ParseResult { Ok, Malformed, Channel };
-// Parses a whole body. Channel: the request carries a channel block, which is
-// left unparsed (fields after it keep their defaults). Malformed: the body is
-// too short, too long, or holds a length or flag byte that cannot be.
+enum class ParseResult { Ok, Malformed };
+// Parses a whole body. Malformed: the body is too short, too long, or holds a
+// length, count, flag or state byte that cannot be. The request's container
+// data is not copied: it stays valid as long as `body` does.
 ParseResult parseEciRequest(std::span<const uint8_t> body, EciRequest& req, std::string* why);
 
 // The reply to a program call (call type 1 or 12).
@@ -150,9 +222,11 @@ struct ProgramReply {
   int32_t replyDataLength = 0;
   std::vector<uint8_t> data;  // sent unless the request's extend mode is 2 or 4
   bool sendData = true;
-  std::vector<uint8_t> channelReturn;  // empty: channel-present byte 0
+  std::optional<Channel> channel;  // the return flow; none: channel-present byte 0
 };
-std::vector<uint8_t> encodeProgramReply(const ProgramReply& r);
+// flowOffset, when given, receives where the return flow starts in the body
+// (just past the channel-present byte).
+Body encodeProgramReply(const ProgramReply& r, size_t* flowOffset = nullptr);
 
 struct ServerListReply {
   int32_t systemCount = 0;

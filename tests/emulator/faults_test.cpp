@@ -57,14 +57,6 @@ TEST_F(FaultsTest, NeverAnswerReadsTheRequestAndStaysSilentUntilDropped) {
   EXPECT_FALSE(gw_.waitForClosed(0, 0ms));  // the server closed it, not the peer
 }
 
-TEST_F(FaultsTest, NeverAnswerOnTheHandshakeWithAfterZero) {
-  plan(qvaemu::Fault::NeverAnswer, 0);
-  ASSERT_TRUE(c_.connect(gw_.port()));
-  ASSERT_TRUE(c_.send(handshake()));
-  ASSERT_TRUE(gw_.waitForReceived(0, 55, kPatience));
-  EXPECT_EQ(c_.wait(kSilence), Readable::Timeout);
-}
-
 TEST_F(FaultsTest, CloseBeforeAnswerGivesEofAfterTheWholeRequest) {
   plan(qvaemu::Fault::CloseBeforeAnswer);
   ASSERT_TRUE(open(c_, gw_.port()));
@@ -182,22 +174,63 @@ TEST_F(FaultsTest, OversizeServerListSendsMoreEntriesThanTheCapacity) {
   EXPECT_EQ(m.body.size(), 16u + 210u);
 }
 
-TEST_F(FaultsTest, ChannelReturnOnCommareaFollowsTheDataWithAReturnFlow) {
-  plan(qvaemu::Fault::ChannelReturnOnCommarea);
-  ASSERT_TRUE(open(c_, gw_.port()));
-  ASSERT_TRUE(c_.send(request(echo("abc"))));
-  Message m;
-  ASSERT_TRUE(readMessage(c_, m));
-  ProgramReply r;
-  ASSERT_TRUE(parseProgramReply(m.body, r));
-  EXPECT_EQ(r.data, ascii("abc"));
-  EXPECT_EQ(r.channelPresent, 0xFF);
-  const Bytes rest(m.body.begin() + static_cast<std::ptrdiff_t>(r.consumed), m.body.end());
-  const Bytes expected = cat({
-      ascii(std::string("QVARETURN") + std::string(7, '\0')), Bytes{0, 0, 0x03, 0x33}, Bytes{0, 0, 0, 1},
-      ascii(std::string("RESULT") + std::string(10, '\0')), Bytes{1, 0, 0, 2}, Bytes{0, 0, 0x03, 0x33},
-      Bytes{0, 0, 0, 2}, ascii("OK")});
-  EXPECT_EQ(rest, expected);
+// The return-flow faults: what follows the channel-present byte, against flows
+// built here. Each hits only the second call; the calls around it are normal,
+// so each bent message was read whole by its dataLength.
+TEST_F(FaultsTest, ReturnFlowFaultsSendTheFlowTheySay) {
+  using qvaemu::Fault;
+  const Bytes greeting = entry("GREETING", kAdded, kChar, 819, ascii("hello"));
+  const Bytes blob = entry("BLOB", kAdded, kBit, 0, hex("0001FF"));
+  struct Case {
+    Fault fault;
+    const char* program;
+    std::vector<Bytes> in;
+    Bytes flow;  // none: the reply ends at channel-present byte 0
+    uint32_t extra = 64;
+    bool withChannel = true;  // false: a COMMAREA call
+  };
+  const Case cases[] = {
+      {Fault::ChannelLyingLength, "CHNOOP", {greeting, blob},
+       channel("CH", 37, {entry("GREETING", kModified, kChar, 819, 5 + 64, ascii("hello"))})},
+      {Fault::ChannelLyingLength, "CHNOOP", {},
+       channel("CH", 37, {entry("FAULT", kAdded, kChar, 37, 8, ascii("FAULT"))}), 3},
+      {Fault::ChannelUnknownState, "CHECHO", {greeting, blob},
+       channel("CH", 37, {entry("GREETING", 9, kChar, 819, 5), entry("BLOB", kModified, kBit, 0, hex("0001FF"))})},
+      {Fault::ChannelTruncated, "CHNOOP", {greeting, blob},
+       cat({channel("CH", 37, {}, 2), ascii("GREETING"), fill(2, 0)})},  // 10 bytes of the first entry
+      {Fault::ChannelDeleteUnknown, "CHNOOP", {greeting},
+       channel("CH", 37, {entry("NOSUCHCONT", kDeleted, kChar, 37, 0), entry("GREETING", kUnchanged, kChar, 819, 5)})},
+      {Fault::ChannelHugeCount, "CHECHO", {greeting, blob},
+       channel("CH", 37, {entry("GREETING", kUnchanged, kChar, 819, 5)}, 0x7FFFFFFF)},
+      // Channel faults leave COMMAREA calls alone, and the other way round.
+      {Fault::ChannelLyingLength, "ECHO", {}, {}, 64, false},
+      {Fault::ChannelReturnOnCommarea, "ECHO", {},
+       channel("QVARETURN", 819, {entry("RESULT", kAdded, kChar, 819, ascii("OK"))}), 64, false},
+      {Fault::ChannelReturnOnCommarea, "CHNOOP", {greeting},
+       channel("CH", 37, {entry("GREETING", kUnchanged, kChar, 819, 5)})},
+  };
+  for (const Case& k : cases) {
+    SCOPED_TRACE(qvaemu::faultName(k.fault) + std::string(" ") + k.program);
+    qvaemu::FaultPlan p;
+    p.fault = k.fault;
+    p.afterMessages = 2;
+    p.messages = 1;
+    p.extraBytes = k.extra;
+    gw_.setFault(p);
+    Client c;
+    ASSERT_TRUE(open(c, gw_.port()));
+    Call call;
+    call.program = k.program;
+    if (k.withChannel) call.channelBlock = channel("CH", 37, k.in);
+    Bytes normal, bent, after;
+    ProgramReply r;
+    ASSERT_TRUE(rawclient::call(c, call, r, &normal));
+    ASSERT_TRUE(rawclient::call(c, call, r, &bent));  // the whole message, by its dataLength
+    EXPECT_EQ(r.channelPresent, k.flow.empty() ? 0 : 0xFF);
+    EXPECT_EQ(bent, k.flow);
+    ASSERT_TRUE(rawclient::call(c, call, r, &after));
+    EXPECT_EQ(after, normal);
+  }
 }
 
 TEST_F(FaultsTest, PlanHitsOnlyTheNextConnectionUnlessEveryConnection) {
@@ -228,6 +261,7 @@ TEST(FaultNames, KebabAndCamelCaseNamesMapToTheSameMode) {
   EXPECT_EQ(qvaemu::faultFromName("never-answer"), qvaemu::Fault::NeverAnswer);
   EXPECT_EQ(qvaemu::faultFromName("NeverAnswer"), qvaemu::Fault::NeverAnswer);
   EXPECT_EQ(qvaemu::faultFromName("channel_return_on_commarea"), qvaemu::Fault::ChannelReturnOnCommarea);
+  EXPECT_EQ(qvaemu::faultFromName("ChannelHugeCount"), qvaemu::Fault::ChannelHugeCount);
   EXPECT_FALSE(qvaemu::faultFromName("sometimes-answer").has_value());
   EXPECT_STREQ(qvaemu::faultName(qvaemu::Fault::OversizeServerList), "oversize-server-list");
 }

@@ -10,6 +10,7 @@
 
 #include <fstream>
 
+#include "qvaemu/gateway.h"
 #include "raw_client.h"
 
 extern char** environ;
@@ -128,6 +129,18 @@ TEST(GatewayProgram, FaultOptionAppliesToEveryConnectionAndSigintStops) {
     EXPECT_TRUE(c.eofWithin());
   }
   EXPECT_EQ(gw.stopWith(SIGINT), 0);
+}
+
+TEST(GatewayProgram, HelpNamesEveryFaultModeAndChannelProgram) {
+  GatewayProcess gw({"--help"});
+  ASSERT_TRUE(gw.started());
+  std::string help;
+  for (std::string line = gw.readLine(); !line.empty(); line = gw.readLine()) help += line + "\n";
+  for (int f = 1; f <= static_cast<int>(qvaemu::Fault::ChannelHugeCount); ++f)
+    EXPECT_NE(help.find(qvaemu::faultName(static_cast<qvaemu::Fault>(f))), std::string::npos) << f;
+  for (const char* p : {"CHNOOP", "CHECHO", "CHADD", "CHUPPER", "CHGROW", "CHDELETE", "CHMIX", "CHBIG"})
+    EXPECT_NE(help.find(p), std::string::npos) << p;
+  EXPECT_EQ(gw.stopWith(0), 0);
 }
 
 TEST(GatewayProgram, RejectsAnUnknownFaultMode) {

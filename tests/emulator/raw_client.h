@@ -1,12 +1,14 @@
 // A tiny raw-socket client for driving the Gateway emulator in tests. It knows
 // the wire only as far as a test needs: it sends bytes, reads a message back
-// by its header, and builds program-call requests field by field.
+// by its header, and builds program-call requests and channel blocks field by
+// field.
 #ifndef QVAEMU_TESTS_RAW_CLIENT_H
 #define QVAEMU_TESTS_RAW_CLIENT_H
 
 #include <netinet/tcp.h>
 
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "qvatest/bytes.h"
@@ -86,7 +88,7 @@ inline bool readMessage(Client& c, Message& m, std::chrono::milliseconds timeout
   m.flowType = sbe32(m.header, 8);
   m.name.assign(m.header.begin() + 24, m.header.begin() + 24 + n);
   m.dataLength = sbe32(m.header, 25 + n);
-  if (m.dataLength < 0 || m.dataLength > (1 << 24)) return false;
+  if (m.dataLength < 0 || m.dataLength > (512 << 20)) return false;
   return c.read(static_cast<size_t>(m.dataLength), m.body, timeout);
 }
 
@@ -129,6 +131,36 @@ inline Bytes request(const Call& c) {
                                 withData ? c.commarea : Bytes{},
                                 c.channelBlock.empty() ? hex("00") : cat({hex("FF"), c.channelBlock}), i16(c.timeout),
                                 hex("00 FFFFFFFF 00000000")}));
+}
+
+// A name NUL padded to 16 bytes, not terminated when it fills them.
+inline Bytes name16(const std::string& s) {
+  Bytes b = ascii(s);
+  b.resize(16, 0);
+  return b;
+}
+
+inline constexpr uint8_t kAdded = 1, kDeleted = 2, kModified = 3, kUnchanged = 4;
+inline constexpr uint8_t kBit = 1, kChar = 2;
+
+// A container entry: name, state, two zero bytes, type, CCSID, the length
+// word, then `data` (pass none for an entry that carries no data).
+inline Bytes entry(const std::string& name, uint8_t state, uint8_t type, int32_t ccsid, uint32_t length,
+                   const Bytes& data = {}) {
+  return cat({name16(name), Bytes{state, 0, 0, type}, i32(ccsid), be32(length), data});
+}
+// An entry followed by all of its data; in a request every entry is ADDED.
+inline Bytes entry(const std::string& name, uint8_t state, uint8_t type, int32_t ccsid, const Bytes& data) {
+  return entry(name, state, type, ccsid, static_cast<uint32_t>(data.size()), data);
+}
+
+// A request's channel block or a reply's return flow: name, CCSID, the entry
+// count (by default the number of entries), the entries.
+inline Bytes channel(const std::string& name, int32_t ccsid, const std::vector<Bytes>& entries,
+                     std::optional<int32_t> count = std::nullopt) {
+  Bytes out = cat({name16(name), i32(ccsid), i32(count.value_or(static_cast<int32_t>(entries.size())))});
+  for (const auto& e : entries) out.insert(out.end(), e.begin(), e.end());
+  return out;
 }
 
 inline Bytes listRequest(int32_t capacity) {
@@ -177,11 +209,15 @@ inline bool open(Client& c, uint16_t port, const char* address = "127.0.0.1") {
   return c.connect(port, address) && c.send(handshake()) && readMessage(c, m) && m.flowType == 5;
 }
 
-// Sends a program call and parses its reply.
-inline bool call(Client& c, const Call& call, ProgramReply& r) {
+// Sends a program call and parses its reply. flow: the bytes after the
+// channel-present byte; without it, the reply must end at that byte.
+inline bool call(Client& c, const Call& call, ProgramReply& r, Bytes* flow = nullptr) {
   Message m;
   if (!c.send(request(call)) || !readMessage(c, m) || m.flowType != 1) return false;
-  return parseProgramReply(m.body, r, call.extendMode != 2 && call.extendMode != 4) && r.consumed == m.body.size();
+  if (!parseProgramReply(m.body, r, call.extendMode != 2 && call.extendMode != 4)) return false;
+  if (!flow) return r.consumed == m.body.size();
+  *flow = slice(m.body, r.consumed, m.body.size() - r.consumed);
+  return true;
 }
 
 }  // namespace rawclient

@@ -32,7 +32,7 @@ const Bytes kEchoReply = cat({
 });
 
 // Name blank-padded to 8 plus a NUL, description blank-padded to 60 plus a NUL.
-Bytes entry(const std::string& name, const std::string& description) {
+Bytes serverEntry(const std::string& name, const std::string& description) {
   std::string n = name, d = description;
   n.resize(8, ' ');
   d.resize(60, ' ');
@@ -111,15 +111,15 @@ TEST_F(WireTest, ServerListEntriesAreExact) {
   const Message m = exchange(hex("47617465 10800000 00000001 00000000 00000000 00000003 454349 00 00000013"
                                  "00000009 00000005 0000 00 FFFFFFFF 00000000"));
   EXPECT_EQ(m.raw(), cat({hex("47617465 10800000 00000001 00000000 00000000 00000003 454349 00 0000009C"),
-                          hex("00000009 00000002 00000000 0000008C"), entry("QVADEMO", "Demo server"),
-                          entry("SYS2", "Second system")}));
+                          hex("00000009 00000002 00000000 0000008C"), serverEntry("QVADEMO", "Demo server"),
+                          serverEntry("SYS2", "Second system")}));
 }
 
 TEST_F(WireTest, ServerListBeyondCapacitySendsCapacityEntriesAndCountsAll) {
   Message m = exchange(listRequest(1));
   // The default list holds two servers: more systems than room (-25).
   EXPECT_EQ(m.body, cat({hex("00000009 00000002 FFFFFFE7 00000046"),
-                         entry("QVADEMO", "Emulated demonstration server")}));
+                         serverEntry("QVADEMO", "Emulated demonstration server")}));
   ASSERT_TRUE(c_.send(listRequest(0)));
   ASSERT_TRUE(readMessage(c_, m));
   EXPECT_EQ(m.body, hex("00000009 00000002 FFFFFFE7 00000000"));
@@ -160,16 +160,49 @@ TEST_F(WireTest, UnknownCallTypeIsAnsweredWithTheCallTypeOnly) {
   EXPECT_EQ(m.raw(), message(1, "ECI", hex("00000007")));
 }
 
-TEST_F(WireTest, ChannelRequestGetsAnExceptionAndTheConnectionStaysInStep) {
-  Call ch;
-  ch.channelBlock = cat({ascii("MYCHANNEL"), fill(7, 0), hex("00000333 00000000")});
-  EXPECT_EQ(exchange(request(ch)).raw(), message(6, "ECI", hex("00000001 00000002")));
+// CHECHO on QVADEMO with channel MYCHAN (CCSID 819) holding the CHAR container NAME = "abc".
+const Bytes kChannelRequest = cat({
+    hex("47617465 10800000 00000001 00000000 00000000 00000003 454349 00 00000096"),
+    hex("00000001 00000000 00000000 00000000 00 00000008"), ascii("QVADEMO "), fill(32, ' '), ascii("CHECHO  "),
+    fill(4, ' '), hex("00000000 00000000 00 00"),  // no COMMAREA, no lengths
+    hex("FF"), ascii("MYCHAN"), fill(10, 0), hex("00000333 00000001"),  // the channel block
+    ascii("NAME"), fill(12, 0), hex("01 00 00 02 00000333 00000003"), ascii("abc"),
+    hex("0000 00 FFFFFFFF 00000000"),
+});
+const Bytes kChannelReply = cat({
+    hex("47617465 10800000 00000001 00000000 00000000 00000003 454349 00 00000056"),
+    hex("00000001 00000000 00000000 00000000 00000000 00000000 FF 00 00000000"),
+    hex("FF"), ascii("MYCHAN"), fill(10, 0), hex("00000333 00000001"),  // the return flow
+    ascii("NAME"), fill(12, 0), hex("03 00 00 02 00000333 00000003"), ascii("abc"),
+});
 
-  Call echo;
-  echo.commarea = ascii("still in step");
-  ProgramReply r;
-  ASSERT_TRUE(call(c_, echo, r));
-  EXPECT_EQ(r.data, echo.commarea);
+TEST_F(WireTest, ChannelCallRequestAndReplyAreExact) {
+  Call call;
+  call.program = "CHECHO";
+  call.channelBlock = channel("MYCHAN", 819, {entry("NAME", kAdded, kChar, 819, ascii("abc"))});
+  ASSERT_EQ(request(call), kChannelRequest);
+  EXPECT_EQ(exchange(kChannelRequest).raw(), kChannelReply);
+}
+
+TEST_F(WireTest, MalformedChannelBlockGetsAnExceptionAndTheConnectionStaysInStep) {
+  const Bytes abc = ascii("abc");
+  const Bytes spare = cat({name16("NAME"), hex("01 00 07 02 00000333 00000003"), abc});
+  for (const Bytes& block : {
+           channel("CH", 819, {entry("NAME", kModified, kChar, 819, abc)}),     // not ADDED
+           channel("CH", 819, {spare}),                                        // a spare byte not zero
+           channel("CH", 819, {entry("NAME", kAdded, kChar, 819, 9, abc)}),     // less data than its length
+           channel("CH", 819, {entry("NAME", kAdded, kChar, 819, abc)}, 2),     // more entries than sent
+           channel("CH", 819, {}, -1),                                         // a negative count
+       }) {
+    Call ch;
+    ch.channelBlock = block;
+    EXPECT_EQ(exchange(request(ch)).raw(), message(6, "ECI", hex("00000001 00000001")));
+    Call echo;
+    echo.commarea = ascii("still in step");
+    ProgramReply r;
+    ASSERT_TRUE(call(c_, echo, r));
+    EXPECT_EQ(r.data, echo.commarea);
+  }
 }
 
 TEST_F(WireTest, MalformedBodyGetsAnException) {
@@ -179,12 +212,15 @@ TEST_F(WireTest, MalformedBodyGetsAnException) {
   EXPECT_EQ(exchange(req).raw(), message(6, "ECI", hex("00000001 00000001")));
 }
 
-TEST_F(WireTest, HeaderWithBadMagicClosesTheConnection) {
-  ASSERT_TRUE(c_.connect(gw_->port()));
-  Bytes bad = handshakeRequest();
-  bad[0] = 'X';
-  ASSERT_TRUE(c_.send(bad));
-  EXPECT_TRUE(c_.eofWithin());
+TEST_F(WireTest, HeaderOutOfStepClosesTheConnection) {
+  Bytes badMagic = handshakeRequest();
+  badMagic[0] = 'X';
+  // The largest body taken is 257 MiB: a 256 MiB container and what goes around it.
+  for (const Bytes& bad : {badMagic, header(1, "ECI", (257u << 20) + 1)}) {
+    ASSERT_TRUE(c_.connect(gw_->port()));
+    ASSERT_TRUE(c_.send(bad));
+    EXPECT_TRUE(c_.eofWithin());
+  }
 }
 
 TEST_F(WireTest, Ipv6LoopbackIsServedOnTheSamePort) {
