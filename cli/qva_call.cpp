@@ -1,6 +1,6 @@
-// qva-call: calls a server program, or lists the servers, through a Gateway.
-// With no --host it starts the embedded Gateway emulator on loopback, so it
-// works on a machine with no Gateway at all.
+// qva-call: calls a server program with a COMMAREA or a channel, or lists the
+// servers, through a Gateway. With no --host it starts the embedded Gateway
+// emulator on loopback, so it works on a machine with no Gateway at all.
 
 #include <termios.h>
 #include <unistd.h>
@@ -11,16 +11,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "common.h"
+#include "containers.h"
 #include "qvaclient/qvaclient.h"
 #include "qvaemu/gateway.h"
 
 namespace {
+
+using qvacall::parseHex;
+using qvacall::parseInt;
+using qvacall::rcName;
 
 struct CallOptions {
   std::string host;  // empty: embedded emulator
@@ -36,6 +40,8 @@ struct CallOptions {
   std::string transid;
   std::vector<uint8_t> commarea;
   std::optional<int> commareaLength;
+  std::string commareaOption;  // the first option that shapes a COMMAREA
+  qvacall::ChannelOptions channel;
   int extendMode = ECI_NO_EXTEND;
   int luwToken = 0;
   int timeout = 0;
@@ -71,38 +77,17 @@ void usage(FILE *out) {
       "  --timeout S             ECI time limit in seconds, enforced by the Gateway\n"
       "  --send-length N         send only N COMMAREA bytes\n"
       "  --receive-length N      receive at most N COMMAREA bytes\n"
-      "  --list-capacity N       entries --list can take (default 16)\n"
+      "  --list-capacity N       entries --list can take (default 16)\n",
+      out);
+  qvacall::channelUsage(out);
+  std::fputs(
       "Trace:\n"
       "  --trace-level N         0 (off) to 5\n"
       "  --trace-file PATH       append the trace to PATH (default: standard error)\n"
-      "  --quiet                 print only the result line\n",
+      "  --quiet                 print only the result line\n"
+      "Exit status: 0 when the result is 0, 1 for any other result or failure, 2 for\n"
+      "a usage error.\n",
       out);
-}
-
-bool parseInt(const char *text, long low, long high, int *value) {
-  errno = 0;
-  char *end = nullptr;
-  long parsed = std::strtol(text, &end, 0);
-  if (errno != 0 || end == text || *end != '\0' || parsed < low || parsed > high) return false;
-  *value = static_cast<int>(parsed);
-  return true;
-}
-
-bool parseHex(const std::string &text, std::vector<uint8_t> *bytes) {
-  std::string digits;
-  for (char c : text) {
-    if (std::isxdigit(static_cast<unsigned char>(c))) {
-      digits += c;
-    } else if (!std::isspace(static_cast<unsigned char>(c))) {
-      return false;
-    }
-  }
-  if (digits.size() % 2 != 0) return false;
-  bytes->clear();
-  for (size_t i = 0; i < digits.size(); i += 2) {
-    bytes->push_back(static_cast<uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
-  }
-  return true;
 }
 
 bool parseExtendMode(const std::string &text, int *mode) {
@@ -154,7 +139,11 @@ int parseOptions(int argc, char **argv, CallOptions *options) {
       }
       return true;
     };
+    auto commareaOption = [&]() {
+      if (options->commareaOption.empty()) options->commareaOption = arg;
+    };
     auto contents = [&]() {
+      commareaOption();
       if (contentsGiven) {
         std::fputs("qva-call: give the COMMAREA once (--text, --hex or --file)\n", stderr);
         return false;
@@ -162,7 +151,9 @@ int parseOptions(int argc, char **argv, CallOptions *options) {
       contentsGiven = true;
       return value(&v);
     };
-    if (arg == "--help" || arg == "-h") {
+    if (auto taken = options->channel.take(argc, argv, &i); taken != qvacall::ChannelOptions::Parse::NotMine) {
+      if (taken == qvacall::ChannelOptions::Parse::UsageError) return 2;
+    } else if (arg == "--help" || arg == "-h") {
       usage(stdout);
       return 1;
     } else if (arg == "--host") {
@@ -201,13 +192,12 @@ int parseOptions(int argc, char **argv, CallOptions *options) {
       }
     } else if (arg == "--file") {
       if (!contents()) return 2;
-      std::ifstream file(v, std::ios::binary);
-      if (!file) {
-        std::fprintf(stderr, "qva-call: cannot read %s\n", v);
+      if (!qvacall::readFile(v, &options->commarea)) {
+        std::fprintf(stderr, "qva-call: cannot read %s: %s\n", v, std::strerror(errno));
         return 2;
       }
-      options->commarea.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
     } else if (arg == "--length") {
+      commareaOption();
       int length = 0;
       if (!intOption(0, 32767, &length)) return 2;
       options->commareaLength = length;
@@ -228,8 +218,10 @@ int parseOptions(int argc, char **argv, CallOptions *options) {
     } else if (arg == "--timeout") {
       if (!intOption(0, 32767, &options->timeout)) return 2;
     } else if (arg == "--send-length") {
+      commareaOption();
       if (!intOption(0, 32767, &options->sendLength)) return 2;
     } else if (arg == "--receive-length") {
+      commareaOption();
       if (!intOption(0, 32767, &options->receiveLength)) return 2;
     } else if (arg == "--trace-level") {
       if (!intOption(0, 5, &options->traceLevel)) return 2;
@@ -247,6 +239,16 @@ int parseOptions(int argc, char **argv, CallOptions *options) {
       std::fprintf(stderr, "qva-call: one program at a time (%s)\n", arg.c_str());
       return 2;
     }
+  }
+  if (!options->channel.finish()) return 2;
+  if (options->channel.channelCall() && !options->commareaOption.empty()) {
+    std::fprintf(stderr, "qva-call: %s does not go with a channel call (--channel, --container...): it has no COMMAREA\n",
+                 options->commareaOption.c_str());
+    return 2;
+  }
+  if (options->channel.channelCall() && options->list) {
+    std::fputs("qva-call: --list takes no channel or containers\n", stderr);
+    return 2;
   }
   if (!options->host.empty() && options->port == 0) {
     std::fputs("qva-call: --host needs --port\n", stderr);
@@ -267,12 +269,6 @@ template <size_t N>
 void setField(char (&field)[N], const std::string &text) {
   std::memset(field, ' ', N);
   std::memcpy(field, text.data(), std::min(text.size(), N));
-}
-
-std::string rcName(int rc) {
-  char name[QVA_RC_STRING_SIZE] = {};
-  QVA_getRcString(rc, name);
-  return name;
 }
 
 void printDump(const uint8_t *data, size_t length) {
@@ -308,12 +304,8 @@ int listServers(QvaGatewayToken *token, const CallOptions &options) {
   return rc;
 }
 
-int callProgram(QvaGatewayToken *token, CallOptions &options) {
-  size_t length = options.commareaLength.value_or(static_cast<int>(options.commarea.size()));
-  std::vector<uint8_t> commarea(length, 0);
-  std::memcpy(commarea.data(), options.commarea.data(), std::min(length, options.commarea.size()));
-
-  ECI_PARMS parms;
+// Everything but the COMMAREA and the channel.
+void fillParms(ECI_PARMS &parms, const CallOptions &options) {
   std::memset(&parms, 0, sizeof parms);
   parms.eci_call_type = ECI_SYNC;
   parms.eci_version = ECI_VERSION_4;
@@ -323,22 +315,37 @@ int callProgram(QvaGatewayToken *token, CallOptions &options) {
   setField(parms.eci_system_name, options.server);
   if (!options.transid.empty()) setField(parms.eci_transid, options.transid);
   if (!options.tpn.empty()) setField(parms.eci_tpn, options.tpn);
-  parms.eci_commarea = length > 0 ? commarea.data() : nullptr;
-  parms.eci_commarea_length = static_cast<short>(length);
   parms.eci_extend_mode = static_cast<short>(options.extendMode);
   parms.eci_luw_token = options.luwToken;
   parms.eci_timeout = static_cast<short>(options.timeout);
   parms.eci_send_length = static_cast<short>(options.sendLength);
   parms.eci_receive_length = static_cast<short>(options.receiveLength);
+}
 
-  int rc = QVA_ECI_Execute(token, &parms);
+// Wipes the password, prints the result line and, unless quiet, the abend
+// code and the LUW token. Returns whether the rest is to be printed.
+bool printOutcome(int rc, ECI_PARMS &parms, CallOptions &options) {
   std::memset(parms.eci_password, 0, sizeof parms.eci_password);
   std::fill(options.password.begin(), options.password.end(), '\0');
   std::printf("rc=%d %s\n", rc, rcName(rc).c_str());
-  if (options.quiet) return rc;
+  if (options.quiet) return false;
   bool abended = std::memchr(parms.eci_abend_code, 0, sizeof parms.eci_abend_code) != parms.eci_abend_code;
   if (abended) std::printf("abend code: %.4s\n", parms.eci_abend_code);
   std::printf("LUW token: %d\n", parms.eci_luw_token);
+  return true;
+}
+
+int callProgram(QvaGatewayToken *token, CallOptions &options) {
+  size_t length = options.commareaLength.value_or(static_cast<int>(options.commarea.size()));
+  std::vector<uint8_t> commarea(length, 0);
+  std::memcpy(commarea.data(), options.commarea.data(), std::min(length, options.commarea.size()));
+
+  ECI_PARMS parms;
+  fillParms(parms, options);
+  parms.eci_commarea = length > 0 ? commarea.data() : nullptr;
+  parms.eci_commarea_length = static_cast<short>(length);
+  int rc = QVA_ECI_Execute(token, &parms);
+  if (!printOutcome(rc, parms, options)) return rc;
   std::printf("COMMAREA (%zu bytes): ", length);
   size_t shownText = length;
   while (shownText > 0 && commarea[shownText - 1] == 0) --shownText;
@@ -348,6 +355,15 @@ int callProgram(QvaGatewayToken *token, CallOptions &options) {
   }
   std::fputc('\n', stdout);
   printDump(commarea.data(), length);
+  return rc;
+}
+
+int callWithChannel(QvaGatewayToken *token, CallOptions &options, QvaChannel *channel) {
+  ECI_PARMS parms;
+  fillParms(parms, options);
+  parms.eci_channel = channel;
+  int rc = QVA_ECI_Execute_Channel(token, &parms);
+  if (printOutcome(rc, parms, options)) qvacall::printChannel(channel);
   return rc;
 }
 
@@ -364,6 +380,11 @@ int main(int argc, char **argv) {
   }
   if (options.traceLevel >= 0) QVA_setAPITraceLevel(options.traceLevel);
 
+  // Built before anything is started, so that a name the library refuses
+  // ends the run at once.
+  QvaChannel *channel = nullptr;
+  if (options.channel.channelCall() && qvacall::buildChannel(options.channel, &channel) != ECI_NO_ERROR) return 1;
+
   qvaemu::Gateway emulator;
   std::string host = options.host;
   int port = options.port;
@@ -371,6 +392,7 @@ int main(int argc, char **argv) {
     std::string error;
     if (!emulator.start(&error)) {
       std::fprintf(stderr, "qva-call: cannot start the embedded Gateway emulator: %s\n", error.c_str());
+      if (channel != nullptr) ECI_deleteChannel(&channel);
       return 1;
     }
     host = "127.0.0.1";
@@ -382,9 +404,13 @@ int main(int argc, char **argv) {
   int rc = QVA_openRemoteGatewayConnection(host.c_str(), port, &token, options.connectTimeout);
   if (rc != QVA_OK) {
     std::fprintf(stderr, "qva-call: cannot connect to %s:%d: rc=%d %s\n", host.c_str(), port, rc, rcName(rc).c_str());
+    if (channel != nullptr) ECI_deleteChannel(&channel);
     return 1;
   }
-  rc = options.list ? listServers(token, options) : callProgram(token, options);
+  if (options.list) rc = listServers(token, options);
+  else if (channel != nullptr) rc = callWithChannel(token, options, channel);
+  else rc = callProgram(token, options);
+  if (channel != nullptr) ECI_deleteChannel(&channel);
   QVA_closeGatewayConnection(&token);
   emulator.stop();
   return rc == QVA_OK ? 0 : 1;
