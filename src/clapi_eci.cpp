@@ -180,8 +180,7 @@ void fillCallRequest(GatewayRequest *request, const ECI_PARMS *eciParms) {
   request->timeout = eciParms->eci_timeout;
 }
 
-void fillProgramRequest(GatewayRequest *request, const ECI_PARMS *eciParms) {
-  fillCallRequest(request, eciParms);
+void fillCommareaRequest(GatewayRequest *request, const ECI_PARMS *eciParms) {
   request->commarea = static_cast<uint8_t *>(eciParms->eci_commarea);
   request->commareaLength = eciParms->eci_commarea_length;
   if (eciParms->eci_send_length > 0) {
@@ -196,6 +195,31 @@ void fillProgramRequest(GatewayRequest *request, const ECI_PARMS *eciParms) {
 void forgetPassword(GatewayRequest *request) {
   volatile char *p = request->password;
   for (size_t i = 0; i < sizeof request->password; ++i) p[i] = 0;
+}
+
+// One program call over the token's socket, with the block's COMMAREA or
+// with `channel`: the flow's failure, or else the Gateway's return code,
+// with the abend code and LUW token copied into the block.
+int flowProgramCall(QvaGatewayToken *gwTok, ECI_PARMS *eciParms, QvaChannel *channel) {
+  char name[sizeof ECI_REQUEST_NAME];
+  std::memcpy(name, ECI_REQUEST_NAME, sizeof name);
+  GatewayRequest request;
+  fillRequestHeader(&request, name);
+  fillCallRequest(&request, eciParms);
+  if (channel != nullptr) {
+    request.channel = channel;
+  } else {
+    fillCommareaRequest(&request, eciParms);
+  }
+  int32_t reasons = 0;
+  int rc = clapiFlowECIRequest(gwTok->socket, &request, &reasons);
+  forgetPassword(&request);
+  if (rc == QVA_OK) {
+    std::memcpy(eciParms->eci_abend_code, request.abendCode, sizeof eciParms->eci_abend_code);
+    eciParms->eci_luw_token = request.luwToken;
+    rc = request.replyRc;
+  }
+  return rc;
 }
 
 // Clears trailing blanks and NULs of the 9-byte name, from the ninth byte
@@ -227,19 +251,7 @@ int QVA_ECI_Execute(QvaGatewayToken *gwTok, ECI_PARMS *EciParms) {
     EciParmsDump dump;
     if (EciParms != nullptr && dump.write(EciParms, "Input") != QVA_OK) rc = QVA_ERR_MALLOCFAIL;
     if (rc == QVA_OK) {
-      char name[sizeof ECI_REQUEST_NAME];
-      std::memcpy(name, ECI_REQUEST_NAME, sizeof name);
-      GatewayRequest request;
-      fillRequestHeader(&request, name);
-      fillProgramRequest(&request, EciParms);
-      int32_t reasons = 0;
-      rc = clapiFlowECIRequest(gwTok->socket, &request, &reasons);
-      forgetPassword(&request);
-      if (rc == QVA_OK) {
-        std::memcpy(EciParms->eci_abend_code, request.abendCode, sizeof EciParms->eci_abend_code);
-        EciParms->eci_luw_token = request.luwToken;
-        rc = request.replyRc;
-      }
+      rc = flowProgramCall(gwTok, EciParms, nullptr);
       dump.write(EciParms, "Output");
     }
   }
@@ -321,22 +333,9 @@ int QVA_ECI_Execute_Channel(QvaGatewayToken *gwTok, ECI_PARMS *EciParms) {
     }
   }
   if (channel != nullptr && rc == QVA_OK) {
-    char name[sizeof ECI_REQUEST_NAME];
-    std::memcpy(name, ECI_REQUEST_NAME, sizeof name);
-    GatewayRequest request;
-    fillRequestHeader(&request, name);
-    fillCallRequest(&request, EciParms);
-    request.channel = channel;
-    int32_t reasons = 0;
     // The channel stays locked from before the request is written until the
     // reply has been merged into it.
-    rc = clapiFlowECIRequest(gwTok->socket, &request, &reasons);
-    forgetPassword(&request);
-    if (rc == QVA_OK) {
-      std::memcpy(EciParms->eci_abend_code, request.abendCode, sizeof EciParms->eci_abend_code);
-      EciParms->eci_luw_token = request.luwToken;
-      rc = request.replyRc;
-    }
+    rc = flowProgramCall(gwTok, EciParms, channel);
   }
   held.release();
   if (initialised && EciParms != nullptr) dumpChannelCallBlock(EciParms);

@@ -12,14 +12,7 @@
 #include <stdint.h>
 
 #include "qva_eci.h"
-
-#ifndef QVA_API
-#if defined(__GNUC__)
-#define QVA_API __attribute__((visibility("default")))
-#else
-#define QVA_API
-#endif
-#endif
+#include "qva_export.h"
 
 #ifdef __cplusplus
 extern "C" {
