@@ -56,7 +56,6 @@ int releaseBuffer(uint8_t *buffer, uint32_t bufferSize) {
   return clapiFree(buffer);
 }
 
-int flush(SocketBuffer *sockBuffer, int more);
 
 void failSocket(SocketBuffer *sockBuffer, int error) {
   sockBuffer->lastErrno = error;
@@ -205,7 +204,7 @@ void writeBytes(SocketBuffer *sockBuffer, const void *data, uint32_t dataLen) {
     TRACE_DEBUG(1561, "clapi_socketbuffer.writeBytes Insufficient space in buffer %p to write %lu bytes\n",
                 addr(sockBuffer), ul(dataLen));
     // A block too large for the buffer is sent right behind these bytes.
-    done = flush(sockBuffer, dataLen > sockBuffer->bufferSize ? MSG_MORE : 0) != QVA_OK;
+    done = flushBuffer(sockBuffer) != QVA_OK;
   }
   if (!done && dataLen > sockBuffer->bufferSize) {
     // Too large for the buffer: sent straight from the caller's memory.
@@ -251,11 +250,7 @@ void writeBytesMasked(SocketBuffer *sockBuffer, const void *data, uint32_t dataL
   put(sockBuffer, static_cast<const uint8_t *>(data), dataLen);
 }
 
-namespace {
-
-// flushBuffer, for a caller that may know that more of the message follows
-// at once (`more` = MSG_MORE).
-int flush(SocketBuffer *sockBuffer, int more) {
+int flushBuffer(SocketBuffer *sockBuffer) {
   TRACE_ENTRY(1525, "clapi_socketbuffer.flushBuffer(sockBuffer=%p)\n", addr(sockBuffer));
   int rc = QVA_OK;
   if (bufferFailed(sockBuffer)) {
@@ -278,6 +273,8 @@ int flush(SocketBuffer *sockBuffer, int more) {
         overwriteSecret(saved, maskedLength);
       }
     }
+    // Only the message's last bytes end the push.
+    const int more = sockBuffer->bytesRemaining > sockBuffer->bytesInBuffer ? MSG_MORE : 0;
     ssize_t sent = sendAll(sockBuffer->socketDesc, sockBuffer->buffer, sockBuffer->bytesInBuffer, more);
     if (sent < 1) {
       failSocket(sockBuffer, errno);
@@ -297,10 +294,6 @@ int flush(SocketBuffer *sockBuffer, int more) {
   TRACE_EXIT(1529, "clapi_socketbuffer.flushBuffer() rc=%d\n", rc);
   return rc;
 }
-
-}  // namespace
-
-int flushBuffer(SocketBuffer *sockBuffer) { return flush(sockBuffer, 0); }
 
 int waitForResponse(SocketBuffer *sockBuffer) {
   TRACE_ENTRY(1522, "clapi_socketbuffer.waitForResponse(sockBuffer=%p)\n", addr(sockBuffer));

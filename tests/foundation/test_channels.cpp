@@ -220,6 +220,7 @@ TEST_F(ChannelTest, ArgumentsAreCheckedInOrderAndStaleTokensAreRefused) {
       {ECI_deleteChannel(&copy), ECI_ERR_INVALID_CHANNEL},
       {ECI_getChannelName(copy, name), ECI_ERR_INVALID_CHANNEL},
       {ECI_getFirstContainer(foreign, &info), ECI_ERR_INVALID_CHANNEL},
+      {ECI_getNextContainer(copy, &info), ECI_ERR_INVALID_CHANNEL},
       {ECI_createContainer(nullptr, nullptr, 9, 0, nullptr, 1), ECI_ERR_INVALID_CHANNEL},
       {ECI_createContainer(chan, nullptr, 9, 0, nullptr, 1), ECI_ERR_INVALID_TYPE},
       {ECI_createContainer(chan, nullptr, ECI_BIT, 0, nullptr, 1), ECI_ERR_INVALID_DATA_LENGTH},
