@@ -7,6 +7,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <span>
@@ -47,7 +48,14 @@ class Writer {
   void i16(int16_t v);
   void i32(int32_t v) { u32(static_cast<uint32_t>(v)); }
   void u32(uint32_t v);
-  void bytes(std::span<const uint8_t> b) { out_.insert(out_.end(), b.begin(), b.end()); }
+  // resize and copy rather than insert: g++ 12 at -O3 takes the insert of
+  // a span into an empty vector for an overflow.
+  void bytes(std::span<const uint8_t> b) {
+    if (b.empty()) return;
+    const size_t at = out_.size();
+    out_.resize(at + b.size());
+    std::memcpy(out_.data() + at, b.data(), b.size());
+  }
   void text(const std::string& s) {
     out_.insert(out_.end(), s.begin(), s.end());
   }
