@@ -5,7 +5,6 @@
 // for byte against the wire layout on a recording emulator.
 
 #include <benchmark/benchmark.h>
-#include <sched.h>
 
 #include <algorithm>
 #include <chrono>
@@ -19,6 +18,7 @@
 #include <vector>
 
 #include "alloc_counter.h"
+#include "bench_util.h"
 #include "qvaclient/qvaclient.h"
 #include "qvaemu/gateway.h"
 #include "raw_eci_client.h"
@@ -37,8 +37,6 @@ constexpr int kSizes[] = {100, 4096, 32767};
 constexpr uint64_t kExpectedAllocsPerCall = 2;
 
 constexpr int kAllocationCalls = 1000;
-
-constexpr int kLastAllowedCpu = -2;  // --bench_cpu not given
 
 // Defaults for a full run on two cores in well under two minutes; a flag on
 // the command line wins.
@@ -117,21 +115,6 @@ bool checkReceived(const qvaemu::Gateway &gateway, size_t connection, const char
   const Bytes got = gateway.received(connection);
   if (got != want) {
     printMismatch(who, got, want);
-    return false;
-  }
-  return true;
-}
-
-bool checkAllocCounter() {
-  if (!allocCounterAvailable()) return true;
-  // Through a volatile pointer, so that the pair cannot be optimised away.
-  void *(*volatile allocate)(size_t) = std::malloc;
-  allocCounterStart();
-  void *p = allocate(16);
-  const uint64_t counted = allocCounterStop();
-  std::free(p);
-  if (counted != 1) {
-    std::fprintf(stderr, "bench_eci: the allocation counter saw %" PRIu64 " allocations for one malloc\n", counted);
     return false;
   }
   return true;
@@ -285,13 +268,6 @@ void BM_Raw(benchmark::State &state) {
   setBytes(state, size);
 }
 
-double median(std::vector<double> &v) {
-  if (v.empty()) return 0;
-  const auto mid = v.begin() + static_cast<std::ptrdiff_t>(v.size() / 2);
-  std::nth_element(v.begin(), mid, v.end());
-  return *mid;
-}
-
 // Both clients in turns, each call timed on its own: slow drifts of the
 // machine hit both alike, so their ratio is steadier than that of two
 // separate runs. The order alternates so that neither always goes first.
@@ -313,8 +289,8 @@ void BM_Paired(benchmark::State &state) {
     }
     libraryFirst = !libraryFirst;
   }
-  const double libMedian = median(lib);
-  const double rawMedian = median(raw);
+  const double libMedian = bench::median(lib);
+  const double rawMedian = bench::median(raw);
   state.counters["lib_us"] = libMedian;
   state.counters["raw_us"] = rawMedian;
   state.counters["ratio"] = rawMedian > 0 ? libMedian / rawMedian : 0;
@@ -373,6 +349,8 @@ BENCHMARK(BM_LibraryAllocations)
 // the raw client's for each size.
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
+  explicit RatioReporter(OutputOptions options) : ConsoleReporter(options) {}
+
   void ReportRuns(const std::vector<Run> &reports) override {
     ConsoleReporter::ReportRuns(reports);
     for (const Run &run : reports) {
@@ -412,81 +390,25 @@ class RatioReporter : public benchmark::ConsoleReporter {
   std::map<int, double> library_, raw_, paired_;
 };
 
-// The value of --name=value on the command line, or null.
-const char *flagValue(int argc, char **argv, const char *flag) {
-  const size_t n = static_cast<size_t>(std::strchr(flag, '=') - flag + 1);
-  const char *value = nullptr;
-  for (int i = 1; i < argc; ++i)
-    if (std::strncmp(argv[i], flag, n) == 0) value = argv[i] + n;
-  return value;
-}
-
-// Keeps the client and every emulator thread on one CPU (they inherit the
-// calling thread's affinity, so this must run before the emulator starts).
-// On a virtual machine a wake-up sent to another, idle CPU costs tens of
-// microseconds, and whether it happens depends on where the scheduler put
-// each connection's thread: unpinned medians flip between two modes from
-// run to run and hide the library's own cost. -1 leaves placement alone.
-// Returns the CPU used, or -1.
-int pinToCpu(int wanted) {
-  if (wanted == -1) return -1;
-  int cpu = wanted;
-  if (cpu == kLastAllowedCpu) {
-    cpu_set_t allowed;
-    CPU_ZERO(&allowed);
-    if (sched_getaffinity(0, sizeof allowed, &allowed) != 0) return -1;
-    for (int i = 0; i < CPU_SETSIZE; ++i)
-      if (CPU_ISSET(i, &allowed)) cpu = i;
-  }
-  if (cpu < 0 || cpu >= CPU_SETSIZE) {
-    std::fprintf(stderr, "bench_eci: no CPU %d; placement left to the scheduler\n", cpu);
-    return -1;
-  }
-  cpu_set_t one;
-  CPU_ZERO(&one);
-  CPU_SET(cpu, &one);
-  if (sched_setaffinity(0, sizeof one, &one) != 0) {
-    std::fprintf(stderr, "bench_eci: cannot pin to CPU %d; placement left to the scheduler\n", cpu);
-    return -1;
-  }
-  return cpu;
-}
-
 }  // namespace
 
 int main(int argc, char **argv) {
   // --bench_cpu=N pins to CPU N, --bench_cpu=-1 does not pin; the default is
-  // the last CPU the process may use. Taken out before Google Benchmark
-  // parses its own flags.
-  int wantedCpu = kLastAllowedCpu;
-  std::vector<char *> own;
-  for (int i = 0; i < argc; ++i) {
-    if (i > 0 && std::strncmp(argv[i], "--bench_cpu=", 12) == 0) {
-      wantedCpu = std::atoi(argv[i] + 12);
-    } else {
-      own.push_back(argv[i]);
-    }
-  }
-  argc = static_cast<int>(own.size());
-  argv = own.data();
-  std::vector<char *> args(argv, argv + argc);
-  for (const char *flag : kDefaultFlags)
-    if (flagValue(argc, argv, flag) == nullptr) args.insert(args.begin() + 1, const_cast<char *>(flag));
-  // The ratio table is added to the console format only; json and csv
-  // stay as the library writes them.
-  const char *format = flagValue(argc, argv, "--benchmark_format=");
-  const bool console = format == nullptr || std::strcmp(format, "console") == 0;
-  int count = static_cast<int>(args.size());
-  args.push_back(nullptr);
-  benchmark::Initialize(&count, args.data());
-  if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
+  // the last CPU the process may use. Unpinned, each connection's emulator
+  // thread may sit on another CPU than the client, and a round trip then
+  // pays the virtual machine's cross-CPU wake-up: medians flip between two
+  // modes from run to run and hide the library's own cost.
+  bench::CommandLine line = bench::parseCommandLine(argc, argv, kDefaultFlags);
+  int count = static_cast<int>(line.args.size()) - 1;
+  benchmark::Initialize(&count, line.args.data());
+  if (benchmark::ReportUnrecognizedArguments(count, line.args.data())) return 1;
 
-  const int cpu = pinToCpu(wantedCpu);
+  const int cpu = bench::pinToCpu(line.cpu, "bench_eci");
   benchmark::AddCustomContext("bench_cpu", cpu >= 0 ? "pinned to CPU " + std::to_string(cpu) : "not pinned");
 
   // Whatever the environment asks for, the trace is off while timing.
   QVA_setAPITraceLevel(0);
-  if (!checkAllocCounter() || !checkWire()) {
+  if (!bench::checkAllocCounter("bench_eci") || !checkWire()) {
     std::fprintf(stderr, "bench_eci: FAILED: the start-up checks did not pass; nothing was timed\n");
     return 1;
   }
@@ -494,8 +416,8 @@ int main(int argc, char **argv) {
     closeConnections();
     return 1;
   }
-  if (console) {
-    RatioReporter reporter;
+  if (line.console) {
+    RatioReporter reporter(line.consoleOptions);
     benchmark::RunSpecifiedBenchmarks(&reporter);
   } else {
     benchmark::RunSpecifiedBenchmarks();
