@@ -56,7 +56,6 @@ int releaseBuffer(uint8_t *buffer, uint32_t bufferSize) {
   return clapiFree(buffer);
 }
 
-
 void failSocket(SocketBuffer *sockBuffer, int error) {
   sockBuffer->lastErrno = error;
   sockBuffer->failure = QVA_ERR_LOSTGWCON;

@@ -133,13 +133,11 @@ int readProgramReply(SocketBuffer *sb, GatewayRequest *request, int32_t commarea
       std::memset(request->commarea + kept, 0, static_cast<size_t>(clearTo - kept));
     }
   }
-  const bool channelReturned = readByte(sb) != 0;
-  if (!channelReturned || bufferFailed(sb)) {
-    // nothing more
-  } else if (request->channel != nullptr) {
+  const bool channelReturned = readByte(sb) != 0 && !bufferFailed(sb);
+  if (channelReturned && request->channel != nullptr) {
     int mergeRc = readChannel(sb, request->channel);
     if (rc == QVA_OK) rc = mergeRc;
-  } else {
+  } else if (channelReturned) {
     // A channel return flow answers a channel request only.
     TRACE_EXC(3228,
               "clapi_socketcomms.clapiFlowECIRequest Gateway returned a channel for a COMMAREA request; %lu bytes "
