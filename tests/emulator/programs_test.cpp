@@ -1,195 +1,112 @@
-// The emulated server programs, the server and security checks, and the
-// extended units of work, driven through the wire.
-#include <gtest/gtest.h>
-
+// The emulated server programs, COMMAREA and channel ones, the server and
+// security checks, and the extended units of work, driven through the wire.
 #include <cstdio>
 
-#include "qvaemu/gateway.h"
 #include "raw_client.h"
 
 using namespace rawclient;
 
 namespace {
 
-class ProgramsTest : public ::testing::Test {
- protected:
-  void SetUp() override { start({}); }
-  void start(qvaemu::Options o) {
-    gw_ = std::make_unique<qvaemu::Gateway>(std::move(o));
-    std::string error;
-    ASSERT_TRUE(gw_->start(&error)) << error;
-    ASSERT_TRUE(open(c_, gw_->port()));
-  }
-  ProgramReply run(const Call& call) {
-    ProgramReply r;
-    EXPECT_TRUE(rawclient::call(c_, call, r));
-    return r;
-  }
-  static Call program(const std::string& name, const std::string& commarea) {
-    Call c;
-    c.program = name;
-    c.commarea = ascii(commarea);
-    return c;
-  }
-  std::unique_ptr<qvaemu::Gateway> gw_;
-  Client c_;
-};
+using ProgramsTest = EmulatorTest;
+using ChannelsTest = EmulatorTest;
 
-TEST_F(ProgramsTest, EchoReturnsTheCommareaUnchanged) {
-  Call c;
-  c.commarea = pattern(256);
-  const auto r = run(c);
-  EXPECT_EQ(r.replyRc, 0);
-  EXPECT_EQ(r.callType, 1);
-  EXPECT_EQ(r.commareaLength, 256);
-  EXPECT_EQ(r.replyDataLength, 256);
-  EXPECT_EQ(r.data, c.commarea);
-  EXPECT_EQ(r.abendCode, std::string(4, '\0'));
-  EXPECT_EQ(r.channelPresent, 0);
-}
-
-// What each program answers, by its COMMAREA.
+// What each program answers, by its request.
 TEST_F(ProgramsTest, EachProgramAnswersAsDocumented) {
   struct Case {
-    const char* program;
-    std::string commarea;
-    int32_t rc;
-    std::string abend;
-    std::string data;
+    Call call;
+    int32_t rc = 0;
+    std::string abend = std::string(4, '\0');
+    Bytes data;
+    int32_t commareaLength = -1;  // -1: as sent
   };
-  const std::string none(4, '\0');
-  for (const Case& k : {
-           Case{"UPPER", "abc xyz-09 \xE9z", 0, none, "ABC XYZ-09 \xE9Z"},  // ASCII letters only
-           Case{"SHORT", "0123456789", 0, none, "01234"},                   // half of what it got
-           Case{"NOSUCH", "x", -7, "AEI0", ""},
-           Case{"ABEND", "XY12 and the rest", -7, "XY12", ""},
-           Case{"ABEND", "WXYZ", -7, "WXYZ", ""},  // exactly four
-           Case{"ABEND", "XY 2", -7, "ABND", ""},  // a blank among the first four
-           Case{"ABEND", "XYZ", -7, "ABND", ""},   // fewer than four bytes
-       }) {
-    SCOPED_TRACE(std::string(k.program) + " " + k.commarea);
-    const auto r = run(program(k.program, k.commarea));
+  const Bytes digits = ascii("0123456789"), some = pattern(256);
+  const Case cases[] = {
+      {{.commarea = some}, 0, std::string(4, '\0'), some},
+      {prog("UPPER", "abc xyz-09 \xE9z"), 0, std::string(4, '\0'), ascii("ABC XYZ-09 \xE9Z")},  // ASCII letters only
+      {prog("SHORT", "0123456789"), 0, std::string(4, '\0'), ascii("01234")},  // half of what it got
+      {prog("NOSUCH", "x"), -7, "AEI0"},
+      {prog("ABEND", "XY12 and the rest"), -7, "XY12"},
+      {prog("ABEND", "WXYZ"), -7, "WXYZ"},  // exactly four
+      {prog("ABEND", "XY 2"), -7, "ABND"},  // a blank among the first four
+      {prog("ABEND", "XYZ"), -7, "ABND"},  // fewer than four bytes
+      {prog("CHMIX", "left alone")},  // a channel program without a channel echoes
+      {{.callType = 12, .transId = "TPN1", .commarea = ascii("tpn call")}, 0, std::string(4, '\0'), ascii("tpn call")},
+      // The server name is checked, and an empty one means the first.
+      {{.system = "NOWHERE", .commarea = ascii("hi")}, -22, std::string(4, '\0')},
+      {{.system = "", .commarea = ascii("hi")}},
+      {{.system = "QVATEST", .commarea = ascii("hi")}},
+      // Send and receive lengths are honoured.
+      {{.commarea = digits, .commareaLength = 100, .send = 10}, 0, std::string(4, '\0'), cat({digits, fill(90, 0)})},
+      {{.commarea = digits, .commareaLength = 100, .send = 10, .recv = 4}, 0, std::string(4, '\0'), ascii("0123")},
+  };
+  for (const Case& k : cases) {
+    SCOPED_TRACE(k.call.program + " " + std::string(k.call.commarea.begin(), k.call.commarea.end()));
+    const ProgramReply r = run(k.call);
+    EXPECT_EQ(r.callType, k.call.callType);
     EXPECT_EQ(r.replyRc, k.rc);
     EXPECT_EQ(r.abendCode, k.abend);
-    EXPECT_EQ(r.commareaLength, static_cast<int32_t>(k.commarea.size()));
-    EXPECT_EQ(r.data, ascii(k.data));
+    EXPECT_EQ(r.commareaLength, k.call.commareaLength < 0 ? static_cast<int32_t>(k.call.commarea.size())
+                                                          : k.call.commareaLength);
+    const bool echoes = k.rc == 0 && k.data.empty();
+    EXPECT_EQ(r.data, echoes ? k.call.commarea : k.data);
+    EXPECT_EQ(r.replyDataLength, static_cast<int32_t>(r.data.size()));
+    EXPECT_EQ(r.channelPresent, 0);
   }
 }
 
-TEST_F(ProgramsTest, CallType12IsRunAndAnsweredAs12) {
-  Call c = program("ECHO", "tpn call");
-  c.callType = 12;
-  c.transId = "TPN1";
-  const auto r = run(c);
-  EXPECT_EQ(r.callType, 12);
-  EXPECT_EQ(r.data, ascii("tpn call"));
-}
-
-TEST_F(ProgramsTest, ServerNameIsCheckedAndEmptyMeansTheFirst) {
-  Call c = program("ECHO", "hi");
-  c.system = "NOWHERE";
-  EXPECT_EQ(run(c).replyRc, -22);
-  c.system = "";
-  EXPECT_EQ(run(c).replyRc, 0);
-  c.system = "QVATEST";
-  EXPECT_EQ(run(c).replyRc, 0);
-}
-
-TEST_F(ProgramsTest, SendAndReceiveLengthsAreHonoured) {
-  Call c = program("ECHO", "0123456789");
-  c.commareaLength = 100;
-  c.send = 10;
-  auto r = run(c);
-  EXPECT_EQ(r.commareaLength, 100);
-  EXPECT_EQ(r.replyDataLength, 100);
-  EXPECT_EQ(r.data, cat({ascii("0123456789"), Bytes(90, 0)}));
-
-  c.recv = 4;
-  r = run(c);
-  EXPECT_EQ(r.commareaLength, 100);
-  EXPECT_EQ(r.replyDataLength, 4);
-  EXPECT_EQ(r.data, ascii("0123"));
-}
-
-TEST_F(ProgramsTest, SleepWaitsThenEchoes) {
-  const auto t0 = std::chrono::steady_clock::now();
-  const auto r = run(program("SLEEP", "60 ms"));
+TEST_F(ProgramsTest, SleepWaitsThenEchoesUnlessTheTimeoutComesFirst) {
+  auto t0 = std::chrono::steady_clock::now();
+  ProgramReply r = run(prog("SLEEP", "60 ms"));
   EXPECT_GE(std::chrono::steady_clock::now() - t0, 60ms);
   EXPECT_EQ(r.replyRc, 0);
   EXPECT_EQ(r.data, ascii("60 ms"));
-}
-
-TEST_F(ProgramsTest, SleepLongerThanTheTimeoutIsAResponseTimeout) {
-  Call c = program("SLEEP", "5000");
+  Call c = prog("SLEEP", "5000");
   c.timeout = 1;
-  const auto t0 = std::chrono::steady_clock::now();
-  const auto r = run(c);
+  t0 = std::chrono::steady_clock::now();
+  EXPECT_EQ(run(c).replyRc, -6);
   const auto took = std::chrono::steady_clock::now() - t0;
-  EXPECT_EQ(r.replyRc, -6);
   EXPECT_GE(took, 1s);
   EXPECT_LT(took, 4s);
 }
 
 TEST_F(ProgramsTest, UnitOfWorkTokensFollowTheExtendModes) {
-  Call c = program("ECHO", "luw");
+  Call c = prog("ECHO", "luw");
   c.extendMode = 1;
-  const auto first = run(c);
+  const ProgramReply first = run(c);
   ASSERT_EQ(first.replyRc, 0);
   const int32_t t1 = first.luwToken;
   ASSERT_NE(t1, 0);
-
-  c.luwToken = t1;
-  auto r = run(c);  // continue the unit
+  const auto with = [&](int32_t mode, int32_t token) {
+    Call k = c;
+    k.extendMode = mode;
+    k.luwToken = token;
+    return run(k);
+  };
+  ProgramReply r = with(1, t1);  // continue the unit
   EXPECT_EQ(r.replyRc, 0);
   EXPECT_EQ(r.luwToken, t1);
-
-  c.luwToken = 0;
   const int32_t t2 = run(c).luwToken;  // a second unit beside the first
   EXPECT_NE(t2, 0);
   EXPECT_NE(t2, t1);
-
-  Call commit = c;
-  commit.extendMode = 2;
-  commit.luwToken = t1;
-  r = run(commit);
+  r = with(2, t1);  // commit
   EXPECT_EQ(r.replyRc, 0);
   EXPECT_EQ(r.luwToken, 0);
-  r = run(commit);  // the unit has ended
-  EXPECT_EQ(r.replyRc, -8);
-
-  Call last = c;  // mode 0 with a token runs the last call and ends the unit
-  last.extendMode = 0;
-  last.luwToken = t2;
-  r = run(last);
+  EXPECT_EQ(with(2, t1).replyRc, -8);  // the unit has ended
+  r = with(0, t2);  // mode 0 with a token runs the last call and ends the unit
   EXPECT_EQ(r.replyRc, 0);
   EXPECT_EQ(r.luwToken, 0);
   EXPECT_EQ(r.data, ascii("luw"));
-  EXPECT_EQ(run(last).replyRc, -8);
-
-  c.luwToken = 0;
-  const int32_t t3 = run(c).luwToken;
-  Call backout = c;
-  backout.extendMode = 4;
-  backout.luwToken = t3;
-  r = run(backout);
+  EXPECT_EQ(with(0, t2).replyRc, -8);
+  r = with(4, run(c).luwToken);  // backout
   EXPECT_EQ(r.replyRc, 0);
   EXPECT_EQ(r.luwToken, 0);
-
-  backout.luwToken = 0;  // nothing to back out
-  EXPECT_EQ(run(backout).replyRc, -8);
-  c.luwToken = 0x1234;  // never issued
-  EXPECT_EQ(run(c).replyRc, -8);
-}
-
-TEST_F(ProgramsTest, UnitTokensBelongToTheirConnection) {
-  Call c = program("ECHO", "x");
-  c.extendMode = 1;
-  const int32_t token = run(c).luwToken;
-  ASSERT_NE(token, 0);
+  EXPECT_EQ(with(4, 0).replyRc, -8);  // nothing to back out
+  EXPECT_EQ(with(1, 0x1234).replyRc, -8);  // never issued
+  // Tokens belong to their connection.
   Client other;
   ASSERT_TRUE(open(other, gw_->port()));
-  c.luwToken = token;
-  ProgramReply r;
+  c.luwToken = run(c).luwToken;
   ASSERT_TRUE(call(other, c, r));
   EXPECT_EQ(r.replyRc, -8);
 }
@@ -197,41 +114,123 @@ TEST_F(ProgramsTest, UnitTokensBelongToTheirConnection) {
 TEST(ProgramsSecurity, UserAndPasswordMustMatchAndThePasswordIsNeverLogged) {
   FILE* logFile = std::tmpfile();
   ASSERT_NE(logFile, nullptr);
-  qvaemu::Options o;
-  o.userId = "ALICE";
-  o.password = "S3CRET";
-  o.logMessages = true;
-  o.logStream = logFile;
-  qvaemu::Gateway gw(o);
+  qvaemu::Gateway gw({.logMessages = true, .logStream = logFile, .userId = "ALICE", .password = "S3CRET"});
   ASSERT_TRUE(gw.start());
   Client c;
   ASSERT_TRUE(open(c, gw.port()));
-
-  Call call;
-  call.commarea = ascii("secure");
+  Call call = prog("ECHO", "secure");
   ProgramReply r;
-  ASSERT_TRUE(rawclient::call(c, call, r));
-  EXPECT_EQ(r.replyRc, -27);
-  call.user = "ALICE";
-  call.password = "WRONG";
-  ASSERT_TRUE(rawclient::call(c, call, r));
-  EXPECT_EQ(r.replyRc, -27);
-  call.password = "S3CRET";  // sent blank padded, compared trimmed
-  ASSERT_TRUE(rawclient::call(c, call, r));
-  EXPECT_EQ(r.replyRc, 0);
+  const struct {
+    const char *user, *password;
+    int32_t rc;
+  } tries[] = {{"", "", -27}, {"ALICE", "WRONG", -27}, {"ALICE", "S3CRET", 0}};
+  for (const auto& t : tries) {
+    call.user = t.user;
+    call.password = t.password;  // sent blank padded, compared trimmed
+    ASSERT_TRUE(rawclient::call(c, call, r));
+    EXPECT_EQ(r.replyRc, t.rc) << t.user << "/" << t.password;
+  }
   EXPECT_EQ(r.data, ascii("secure"));
   gw.stop();
-
   std::string log;
   std::rewind(logFile);
-  char buf[512];
-  while (std::fgets(buf, sizeof buf, logFile)) log += buf;
+  for (int ch; (ch = std::fgetc(logFile)) != EOF;) log += static_cast<char>(ch);
   std::fclose(logFile);
   EXPECT_NE(log.find("conn 0: HANDSHAKE"), std::string::npos) << log;
-  EXPECT_NE(log.find("conn 0: ECI callType=1 system=QVADEMO program=ECHO extend=0 luw=0 commarea=6 send=0 recv=0 timeout=0"),
+  EXPECT_NE(log.find("conn 0: ECI callType=1 system=QVADEMO program=ECHO extend=0 luw=0 commarea=6 send=0 recv=0 "
+                     "timeout=0"),
             std::string::npos)
       << log;
   EXPECT_EQ(log.find("S3CRET"), std::string::npos) << log;
+}
+
+// The channel name fills its 16 bytes: no terminator travels either way.
+const std::string kChannel = "SIXTEEN-CHARNAME";
+constexpr int32_t kCcsid = 1208;
+
+Bytes sizeEntry(const std::string& digits) { return entry("SIZE", kAdded, kChar, 819, ascii(digits)); }
+Bytes bytePattern(size_t n) {
+  Bytes b(n);
+  for (size_t i = 0; i < n; ++i) b[i] = static_cast<uint8_t>(i & 0xFF);
+  return b;
+}
+
+// Each program's return flow: the reply's bytes after the channel-present
+// byte against a flow built here from the entry layout.
+TEST_F(ChannelsTest, EachProgramReturnsItsFlow) {
+  const std::vector<Bytes> four = {
+      entry("GREETING", kAdded, kChar, 819, ascii("hello")), entry("MIXEDCASE", kAdded, kChar, 37, ascii("MiXed Case 9")),
+      entry("BLOB", kAdded, kBit, 0, hex("0001FF61")),  // a BIT 'a' is not upper-cased
+      entry("EMPTY", kAdded, kChar, kCcsid, Bytes{})};
+  // The same containers as UNCHANGED entries: no data, the length they came with.
+  const Bytes greetingSame = entry("GREETING", kUnchanged, kChar, 819, 5), mixedSame = entry("MIXEDCASE", kUnchanged, kChar, 37, 12),
+              blobSame = entry("BLOB", kUnchanged, kBit, 0, 4), emptySame = entry("EMPTY", kUnchanged, kChar, kCcsid, 0);
+  const std::vector<Bytes> same = {greetingSame, mixedSame, blobSame, emptySame};
+  const Bytes greetingDeleted = entry("GREETING", kDeleted, kChar, 819, 5);
+  struct Case {
+    const char* program;
+    std::vector<Bytes> in, out;  // out: the entries of the return flow
+    int32_t rc = 0;
+  };
+  const Case cases[] = {
+      {"CHNOOP", four, same},
+      {"CHNOOP", {}, {}},
+      {"CHECHO", four,
+       {entry("GREETING", kModified, kChar, 819, ascii("hello")),
+        entry("MIXEDCASE", kModified, kChar, 37, ascii("MiXed Case 9")),
+        entry("BLOB", kModified, kBit, 0, hex("0001FF61")), entry("EMPTY", kModified, kChar, kCcsid, Bytes{})}},
+      {"CHADD", four,
+       {greetingSame, mixedSame, blobSame, emptySame,
+        entry("RESULT", kAdded, kChar, kCcsid, ascii("Processed 4 containers"))}},
+      {"CHADD", {}, {entry("RESULT", kAdded, kChar, kCcsid, ascii("Processed 0 containers"))}},
+      {"CHUPPER", four,
+       {entry("GREETING", kModified, kChar, 819, ascii("HELLO")),
+        entry("MIXEDCASE", kModified, kChar, 37, ascii("MIXED CASE 9")), blobSame,
+        entry("EMPTY", kModified, kChar, kCcsid, Bytes{})}},
+      {"CHGROW", four,
+       {entry("GREETING", kModified, kChar, 819, ascii("hellohello")),
+        entry("MIXEDCASE", kModified, kChar, 37, ascii("MiXed Case 9MiXed Case 9")),
+        entry("BLOB", kModified, kBit, 0, hex("0001FF61 0001FF61")),
+        entry("EMPTY", kModified, kChar, kCcsid, ascii("!"))}},
+      {"CHDELETE", four, {greetingDeleted, mixedSame, blobSame, emptySame}},
+      {"CHDELETE", {}, {}},
+      {"CHMIX", four,
+       {greetingDeleted, entry("MIXEDCASE", kModified, kChar, 37, ascii("MIXED CASE 9")),
+        entry("BLOB", kModified, kBit, 0, hex("0001FF61 0001FF61")), emptySame,
+        entry("MIXED", kAdded, kBit, 0, hex("DEADBEEF"))}},
+      {"CHBIG", {sizeEntry("300")},
+       {entry("SIZE", kUnchanged, kChar, 819, 3), entry("PAYLOAD", kAdded, kBit, 0, bytePattern(300))}},
+      {"CHBIG", {four[0], entry("PAYLOAD", kAdded, kBit, 0, ascii("old")), sizeEntry(std::string("7 \0", 3))},
+       {greetingSame, entry("PAYLOAD", kModified, kBit, 0, bytePattern(7)), entry("SIZE", kUnchanged, kChar, 819, 3)}},
+      {"CHBIG", {sizeEntry("0")}, {entry("SIZE", kUnchanged, kChar, 819, 1), entry("PAYLOAD", kAdded, kBit, 0, Bytes{})}},
+      {"CHBIG", {sizeEntry("12x")}, {}, -1},
+      {"CHBIG", {sizeEntry("268435457")}, {}, -1},  // 256 MiB + 1
+      {"CHBIG", {four[0]}, {}, -1},
+      // A COMMAREA program leaves the channel alone, and one that fails returns it empty.
+      {"ECHO", four, same},
+      {"ABEND", four, {}, -7},
+  };
+  for (const Case& k : cases) {
+    SCOPED_TRACE(std::string(k.program) + " with " + std::to_string(k.in.size()) + " containers");
+    const ProgramReply r = run({.program = k.program, .channelBlock = channel(kChannel, kCcsid, k.in)});
+    EXPECT_EQ(r.replyRc, k.rc);
+    EXPECT_EQ(r.commareaLength, 0);
+    EXPECT_EQ(r.channelPresent, 0xFF);
+    EXPECT_EQ(r.flow, channel(kChannel, kCcsid, k.out));
+  }
+}
+
+// Large containers go out whole, both ways, and the connection stays in step.
+TEST_F(ChannelsTest, LargeContainersTravelWhole) {
+  constexpr size_t kBig = 64u << 20;
+  ProgramReply r = run({.program = "CHBIG", .channelBlock = channel(kChannel, kCcsid, {sizeEntry(std::to_string(kBig))})});
+  ASSERT_EQ(r.replyRc, 0);
+  const Bytes head = channel(kChannel, kCcsid, {entry("SIZE", kUnchanged, kChar, 819, 8),
+                                                entry("PAYLOAD", kAdded, kBit, 0, static_cast<uint32_t>(kBig))});
+  EXPECT_TRUE(r.flow == cat({head, bytePattern(kBig)}));  // not EXPECT_EQ: a failure would print 64 MiB
+  const Bytes data = pattern(24u << 20);
+  r = run({.program = "CHECHO", .channelBlock = channel(kChannel, kCcsid, {entry("DATA", kAdded, kBit, 0, data)})});
+  EXPECT_TRUE(r.flow == channel(kChannel, kCcsid, {entry("DATA", kModified, kBit, 0, data)}));
 }
 
 }  // namespace

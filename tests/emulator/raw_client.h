@@ -1,16 +1,20 @@
-// A tiny raw-socket client for driving the Gateway emulator in tests. It knows
-// the wire only as far as a test needs: it sends bytes, reads a message back
-// by its header, and builds program-call requests and channel blocks field by
-// field.
+// A tiny raw-socket client for driving the Gateway emulator in tests, and the
+// fixture its suites share. It knows the wire only as far as a test needs: it
+// sends bytes, reads a message back by its header, and builds program-call
+// requests and channel blocks field by field.
 #ifndef QVAEMU_TESTS_RAW_CLIENT_H
 #define QVAEMU_TESTS_RAW_CLIENT_H
 
+#include <gtest/gtest.h>
+#include <netdb.h>
 #include <netinet/tcp.h>
 
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <string>
 
+#include "qvaemu/gateway.h"
 #include "qvatest/bytes.h"
 #include "qvatest/net.h"
 
@@ -18,126 +22,93 @@ namespace rawclient {
 
 using namespace qvatest;
 
-class Client {
- public:
+struct Client {
+  int fd = -1;
   Client() = default;
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
   ~Client() { close(); }
-
+  void close() {
+    if (fd >= 0) ::close(fd);
+    fd = -1;
+  }
   bool connect(uint16_t port, const char* address = "127.0.0.1") {
     close();
-    sockaddr_storage ss{};
-    socklen_t len = sizeof(sockaddr_in);
-    auto* v4 = reinterpret_cast<sockaddr_in*>(&ss);
-    auto* v6 = reinterpret_cast<sockaddr_in6*>(&ss);
-    if (std::strchr(address, ':') != nullptr) {
-      v6->sin6_family = AF_INET6;
-      v6->sin6_port = htons(port);
-      len = sizeof(sockaddr_in6);
-      if (inet_pton(AF_INET6, address, &v6->sin6_addr) != 1) return false;
-    } else {
-      v4->sin_family = AF_INET;
-      v4->sin_port = htons(port);
-      if (inet_pton(AF_INET, address, &v4->sin_addr) != 1) return false;
-    }
-    fd_ = ::socket(ss.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd_ < 0) return false;
-    const int on = 1;
-    setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    if (::connect(fd_, reinterpret_cast<sockaddr*>(&ss), len) != 0) close();
-    return fd_ >= 0;
+    addrinfo hints{.ai_flags = AI_NUMERICHOST, .ai_socktype = SOCK_STREAM}, *ai = nullptr;
+    if (getaddrinfo(address, std::to_string(port).c_str(), &hints, &ai) != 0) return false;
+    fd = ::socket(ai->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int on = 1;  // the handshake goes out byte by byte in one test
+    if (fd >= 0 && (setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0 ||
+                    ::connect(fd, ai->ai_addr, ai->ai_addrlen) != 0))
+      close();
+    freeaddrinfo(ai);
+    return fd >= 0;
   }
-
-  void close() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-  }
-
-  bool send(const Bytes& b) { return sendAll(fd_, b); }
-  Readable wait(std::chrono::milliseconds timeout) { return waitReadable(fd_, timeout); }
-  // Exactly n bytes; false on end of stream or time-out.
-  bool read(size_t n, Bytes& out, std::chrono::milliseconds timeout = kPatience) {
-    out = recvExactly(fd_, n, timeout);
-    return out.size() == n;
-  }
-  Bytes readToEnd() { return recvToEnd(fd_); }
-  bool eofWithin(std::chrono::milliseconds timeout = kPatience) { return wait(timeout) == Readable::Eof; }
-  int fd() const { return fd_; }
-
- private:
-  int fd_ = -1;
+  bool send(const Bytes& b) { return sendAll(fd, b); }
+  bool eofWithin(std::chrono::milliseconds timeout = kPatience) { return waitReadable(fd, timeout) == Readable::Eof; }
 };
 
-struct Message {
-  Bytes header;  // raw header bytes
-  int32_t flowType = 0;
-  std::string name;
-  int32_t dataLength = 0;
-  Bytes body;
-  Bytes raw() const { return cat({header, body}); }
-};
-
-// Reads a header by its own name length, then dataLength body bytes.
-inline bool readMessage(Client& c, Message& m, std::chrono::milliseconds timeout = kPatience) {
-  Bytes first, rest;
-  if (!c.read(24, first, timeout)) return false;
-  const uint32_t n = be32(first, 20);
-  if (n > 255 || !c.read(n + 5, rest, timeout)) return false;
-  m.header = cat({first, rest});
-  m.flowType = sbe32(m.header, 8);
-  m.name.assign(m.header.begin() + 24, m.header.begin() + 24 + n);
-  m.dataLength = sbe32(m.header, 25 + n);
-  if (m.dataLength < 0 || m.dataLength > (512 << 20)) return false;
-  return c.read(static_cast<size_t>(m.dataLength), m.body, timeout);
+// One whole message, read by its header's name length and dataLength; empty
+// when the stream ends or stalls first.
+inline Bytes readMessage(Client& c) {
+  Bytes head = recvExactly(c.fd, 24);
+  if (head.size() < 24 || be32(head, 20) > 255) return {};
+  const size_t n = be32(head, 20);
+  const Bytes rest = recvExactly(c.fd, n + 5);
+  if (rest.size() < n + 5 || be32(rest, n + 1) > (512u << 20)) return {};
+  const Bytes body = recvExactly(c.fd, be32(rest, n + 1));
+  return body.size() == be32(rest, n + 1) ? cat({head, rest, body}) : Bytes{};
+}
+inline Bytes bodyOf(const Bytes& m) {
+  const size_t at = m.size() < 24 ? m.size() : 29 + be32(m, 20);
+  return at > m.size() ? Bytes{} : slice(m, at, m.size() - at);
 }
 
 inline Bytes i32(int32_t v) { return be32(static_cast<uint32_t>(v)); }
-inline Bytes i16(int16_t v) { return Bytes{static_cast<uint8_t>(static_cast<uint16_t>(v) >> 8), static_cast<uint8_t>(v)}; }
-// A fixed-width text field, blank padded.
-inline Bytes field(const std::string& s, size_t width) {
+// A fixed-width text field, blank padded; names are NUL padded to 16 bytes,
+// not terminated when they fill them.
+inline Bytes field(const std::string& s, size_t width, uint8_t pad = ' ') {
   Bytes b = ascii(s);
-  b.resize(width, ' ');
+  b.resize(width, pad);
   return b;
 }
+inline Bytes name16(const std::string& s) { return field(s, 16, 0); }
 // A flag byte, then the value when it is present.
 inline Bytes optional(int32_t v) { return v > 0 ? cat({hex("FF"), i32(v)}) : hex("00"); }
 
-inline Bytes handshake() { return handshakeRequest(); }
-
 // One program call, built from the request table field by field.
 struct Call {
-  int32_t callType = 1;
-  int32_t extendMode = 0;
-  int32_t luwToken = 0;
-  std::string system = "QVADEMO";
-  std::string user, password;
-  std::string program = "ECHO";
-  std::string transId;
+  int32_t callType = 1, extendMode = 0, luwToken = 0;
+  std::string system = "QVADEMO", user, password, program = "ECHO", transId;
   Bytes commarea;
   int32_t commareaLength = -1;  // -1: the size of commarea
-  int32_t send = 0;  // requestDataLength; 0: flag byte 00
-  int32_t recv = 0;  // replyDataLength; 0: flag byte 00
-  int16_t timeout = 0;
+  int32_t send = 0, recv = 0;  // requestDataLength, replyDataLength; 0: flag byte 00
+  uint16_t timeout = 0;
   Bytes channelBlock;  // non-empty: channel-present byte 0xFF, then these bytes
+  bool withData() const { return extendMode != 2 && extendMode != 4; }
 };
 
 inline Bytes request(const Call& c) {
   const int32_t length = c.commareaLength < 0 ? static_cast<int32_t>(c.commarea.size()) : c.commareaLength;
-  const bool withData = c.extendMode != 2 && c.extendMode != 4;
   return message(1, "ECI", cat({i32(c.callType), i32(c.extendMode), i32(c.luwToken), hex("00000000 00 00000008"),
                                 field(c.system, 8), field(c.user, 16), field(c.password, 16), field(c.program, 8),
                                 field(c.transId, 4), hex("00000000"), i32(length), optional(c.send), optional(c.recv),
-                                withData ? c.commarea : Bytes{},
-                                c.channelBlock.empty() ? hex("00") : cat({hex("FF"), c.channelBlock}), i16(c.timeout),
+                                c.withData() ? c.commarea : Bytes{},
+                                c.channelBlock.empty() ? hex("00") : cat({hex("FF"), c.channelBlock}),
+                                Bytes{static_cast<uint8_t>(c.timeout >> 8), static_cast<uint8_t>(c.timeout)},
                                 hex("00 FFFFFFFF 00000000")}));
 }
 
-// A name NUL padded to 16 bytes, not terminated when it fills them.
-inline Bytes name16(const std::string& s) {
-  Bytes b = ascii(s);
-  b.resize(16, 0);
-  return b;
+inline Call prog(const std::string& program, const std::string& data) {
+  return {.program = program, .commarea = ascii(data)};
+}
+
+// The reply to a COMMAREA call that ran well: call type 1, no unit, rc 0, no
+// abend, the data back at full length, no channel.
+inline Bytes echoReply(const Bytes& data) {
+  const Bytes n = i32(static_cast<int32_t>(data.size()));
+  return message(1, "ECI", cat({hex("00000001 00000000 00000000 00000000 00000000"), n, hex("FF 00"), n, data,
+                                hex("00")}));
 }
 
 inline constexpr uint8_t kAdded = 1, kDeleted = 2, kModified = 3, kUnchanged = 4;
@@ -149,7 +120,7 @@ inline Bytes entry(const std::string& name, uint8_t state, uint8_t type, int32_t
                    const Bytes& data = {}) {
   return cat({name16(name), Bytes{state, 0, 0, type}, i32(ccsid), be32(length), data});
 }
-// An entry followed by all of its data; in a request every entry is ADDED.
+// An entry followed by all of its data.
 inline Bytes entry(const std::string& name, uint8_t state, uint8_t type, int32_t ccsid, const Bytes& data) {
   return entry(name, state, type, ccsid, static_cast<uint32_t>(data.size()), data);
 }
@@ -167,19 +138,17 @@ inline Bytes listRequest(int32_t capacity) {
   return message(1, "ECI", cat({hex("00000009"), i32(capacity), hex("0000 00 FFFFFFFF 00000000")}));
 }
 
-// The reply to a program call, field by field.
+// The reply to a program call, field by field; flow: what follows the
+// channel-present byte.
 struct ProgramReply {
-  int32_t callType = 0, luwToken = 0, replyRc = 0;
+  int32_t callType = 0, luwToken = 0, replyRc = 0, commareaLength = 0, replyDataLength = 0;
   std::string abendCode;
-  int32_t commareaLength = 0;
-  int32_t replyDataLength = 0;
-  Bytes data;
+  Bytes data, flow;
   uint8_t channelPresent = 0;
-  size_t consumed = 0;  // body bytes these fields took
 };
 
 // withData: false for extend modes 2 and 4, whose replies carry no COMMAREA.
-inline bool parseProgramReply(const Bytes& b, ProgramReply& r, bool withData = true) {
+inline bool parseProgramReply(const Bytes& b, ProgramReply& r, bool withData) {
   if (b.size() < 25) return false;
   r.callType = sbe32(b, 0);
   r.luwToken = sbe32(b, 4);
@@ -199,26 +168,53 @@ inline bool parseProgramReply(const Bytes& b, ProgramReply& r, bool withData = t
   }
   if (b.size() < off + 1) return false;
   r.channelPresent = b[off++];
-  r.consumed = off;
+  r.flow = slice(b, off, b.size() - off);
   return true;
 }
 
 // Connects and completes the handshake.
 inline bool open(Client& c, uint16_t port, const char* address = "127.0.0.1") {
-  Message m;
-  return c.connect(port, address) && c.send(handshake()) && readMessage(c, m) && m.flowType == 5;
+  if (!c.connect(port, address) || !c.send(handshakeRequest())) return false;
+  const Bytes m = readMessage(c);
+  return m.size() > 12 && be32(m, 8) == 5;
 }
 
-// Sends a program call and parses its reply. flow: the bytes after the
-// channel-present byte; without it, the reply must end at that byte.
-inline bool call(Client& c, const Call& call, ProgramReply& r, Bytes* flow = nullptr) {
-  Message m;
-  if (!c.send(request(call)) || !readMessage(c, m) || m.flowType != 1) return false;
-  if (!parseProgramReply(m.body, r, call.extendMode != 2 && call.extendMode != 4)) return false;
-  if (!flow) return r.consumed == m.body.size();
-  *flow = slice(m.body, r.consumed, m.body.size() - r.consumed);
-  return true;
+// Sends a program call and parses its reply, a flow-type 1 message that ends
+// at its channel-present byte when that is 0.
+inline bool call(Client& c, const Call& call, ProgramReply& r) {
+  if (!c.send(request(call))) return false;
+  const Bytes m = readMessage(c);
+  return m.size() > 12 && be32(m, 8) == 1 && parseProgramReply(bodyOf(m), r, call.withData()) &&
+         (r.channelPresent != 0 || r.flow.empty());
 }
+
+// A Gateway started with the given options, and a client of it.
+class EmulatorTest : public ::testing::Test {
+ protected:
+  void SetUp() override { start({}); }
+  void start(qvaemu::Options o) {
+    gw_ = std::make_unique<qvaemu::Gateway>(std::move(o));
+    std::string error;
+    ASSERT_TRUE(gw_->start(&error)) << error;
+  }
+  // A fresh connection past the handshake, then one request and its reply.
+  Bytes exchange(const Bytes& req) {
+    EXPECT_TRUE(open(c_, gw_->port()));
+    EXPECT_TRUE(c_.send(req));
+    return readMessage(c_);
+  }
+  // One call on the open connection; opens it first if needed.
+  ProgramReply run(const Call& call) {
+    if (c_.fd < 0) {
+      EXPECT_TRUE(open(c_, gw_->port()));
+    }
+    ProgramReply r;
+    EXPECT_TRUE(rawclient::call(c_, call, r));
+    return r;
+  }
+  std::unique_ptr<qvaemu::Gateway> gw_;
+  Client c_;
+};
 
 }  // namespace rawclient
 

@@ -1,36 +1,30 @@
 // Once-per-process behaviour that a shared test program cannot reach: the
 // environment settings, concurrent first calls and a failed initialisation.
-// CTest runs one scenario per process with the environment set for it; the
-// driver checks what it observed and exits non-zero on any mismatch.
+// CTest runs one scenario per process, "foundation_driver SCENARIO [ARGS]",
+// with the environment set for it.
 //
-// Linked with --wrap=pthread_mutex_init: the scenarios "init-fail-trace" and
-// "init-fail-gtl" make the first (trace lock) or second (token-list lock)
-// mutex creation of the process fail.
+// Linked with --wrap=pthread_mutex_init: the InitFail scenarios make the first
+// (trace lock) or second (token-list lock) mutex creation of the library fail.
 
 #include <pthread.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <barrier>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
-#include <regex>
-#include <sstream>
-#include <string>
+#include <filesystem>
+#include <functional>
 #include <thread>
-#include <vector>
 
 #include "clapi_diag.h"
 #include "clapi_impl.h"
-#include "qvaclient/qvaclient.h"
-#include "qvatest/trace.h"
+#include "trace_fixture.h"
 
 namespace {
 
 int failAt = 0;
+bool armed = false;  // set once gtest has made its own mutexes
 std::atomic<int> mutexInits{0};
 
 }  // namespace
@@ -38,392 +32,276 @@ std::atomic<int> mutexInits{0};
 extern "C" int __real_pthread_mutex_init(pthread_mutex_t *mutex, const pthread_mutexattr_t *attr);
 
 extern "C" int __wrap_pthread_mutex_init(pthread_mutex_t *mutex, const pthread_mutexattr_t *attr) {
-  if (++mutexInits == failAt) return EAGAIN;
+  if (armed && ++mutexInits == failAt) return EAGAIN;
   return __real_pthread_mutex_init(mutex, attr);
 }
 
 namespace {
 
-using Lines = std::vector<std::string>;
-using qvatest::bannerSecondLine;
-using qvatest::normalise;
-using qvatest::ptrText;
+using namespace qvatest;
 
-int failures = 0;
+std::vector<std::string> args;
 
-void fail(int line, const std::string &what) {
-  std::cout << "driver.cpp:" << line << ": FAILED: " << what << "\n";
-  ++failures;
-}
-
-std::string show(const Lines &lines) {
-  std::ostringstream out;
-  out << "{\n";
-  for (const std::string &line : lines) out << "  \"" << line << "\"\n";
-  out << "}";
-  return out.str();
-}
-std::string show(const std::string &text) { return "\"" + text + "\""; }
-template <class T>
-T show(T value) {
-  return value;
-}
-
-#define CHECK(cond)                        \
-  do {                                     \
-    if (!(cond)) fail(__LINE__, #cond);    \
-  } while (0)
-#define CHECK_EQ(actual, expected)                                                                            \
-  do {                                                                                                        \
-    const auto &a_ = (actual);                                                                                \
-    const auto &e_ = (expected);                                                                              \
-    if (!(a_ == e_)) {                                                                                        \
-      std::ostringstream m_;                                                                                  \
-      m_ << #actual << "\n  actual:   " << show(a_) << "\n  expected: " << show(e_);                         \
-      fail(__LINE__, m_.str());                                                                               \
-    }                                                                                                         \
-  } while (0)
-
-Lines head(const Lines &lines, size_t n) { return Lines(lines.begin(), lines.begin() + std::min(n, lines.size())); }
-
-bool exists(const std::string &path) {
-  struct stat info;
-  return stat(path.c_str(), &info) == 0;
-}
+bool exists(const std::string &path) { return std::filesystem::exists(path); }
 
 std::string env(const char *name) {
   const char *value = std::getenv(name);
   return value != nullptr ? value : "";
 }
 
+Lines slice(const Lines &lines, size_t from, size_t to) {
+  return Lines(lines.begin() + std::min(from, lines.size()), lines.begin() + std::min(to, lines.size()));
+}
+
 int currentLevel() {
   int level = -7;
-  int rc = QVA_getAPITraceLevel(&level);
-  CHECK_EQ(rc, QVA_OK);
+  EXPECT_EQ(QVA_getAPITraceLevel(&level), QVA_OK);
   return level;
 }
 
-// ---- Scenarios ---------------------------------------------------------------
+class Driver : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_FALSE(scratch.path().empty()) << "no scratch directory";
+    // A trace file left by an earlier run would add its lines to this one's.
+    if (!env("QVA_CLIENT_TRACE_FILE").empty()) unlink(env("QVA_CLIENT_TRACE_FILE").c_str());
+    armed = true;
+  }
+  Lines captured(const std::function<void()> &calls) {
+    StderrCapture capture(scratch.file("stderr"));
+    calls();
+    capture.stop();
+    return normalise(capture.lines());
+  }
+  ScratchDir scratch;
+};
 
 // QVA_CLIENT_TRACE_LEVEL=3: level 3 and the banner at the top of stderr.
-void levelValid(qvatest::ScratchDir &scratch) {
-  qvatest::StderrCapture capture(scratch.file("stderr"));
+TEST_F(Driver, EnvLevelValid) {
   int level = -7;
-  CHECK_EQ(QVA_getAPITraceLevel(&level), QVA_OK);
-  capture.stop();
-  CHECK_EQ(level, 3);
-  CHECK_EQ(normalise(capture.lines()),
-           (Lines{"BANNER", bannerSecondLine(3, "stderr"),
-                  "1050 ENTRY  clapi_impl.clapiSetAPITraceParamsFromEnv()",
-                  "1055 EXIT   clapi_impl.clapiSetAPITraceParamsFromEnv()",
-                  "1091 ENTRY  API.QVA_getAPITraceLevel(traceStatePtr=" + ptrText(&level) + ")",
-                  "1093 EXIT   API.QVA_getAPITraceLevel(traceStatePtr=" + ptrText(&level) + ") rc=0"}));
+  const Lines lines = captured([&] { EXPECT_EQ(QVA_getAPITraceLevel(&level), QVA_OK); });
+  EXPECT_EQ(level, 3);
+  EXPECT_EQ(lines, (Lines{"BANNER", bannerSecondLine(3, "stderr"),
+                          "1050 ENTRY  clapi_impl.clapiSetAPITraceParamsFromEnv()",
+                          "1055 EXIT   clapi_impl.clapiSetAPITraceParamsFromEnv()",
+                          "1091 ENTRY  API.QVA_getAPITraceLevel(traceStatePtr=" + ptrText(&level) + ")",
+                          "1093 EXIT   API.QVA_getAPITraceLevel(traceStatePtr=" + ptrText(&level) + ") rc=0"}));
 }
 
-// An invalid QVA_CLIENT_TRACE_LEVEL: one exception line, then level 0.
-void levelInvalid(qvatest::ScratchDir &scratch, const std::string &value) {
-  CHECK(std::getenv("QVA_CLIENT_TRACE_LEVEL") != nullptr);
-  CHECK_EQ(env("QVA_CLIENT_TRACE_LEVEL"), value);
-  qvatest::StderrCapture capture(scratch.file("stderr"));
-  int level = currentLevel();
-  capture.stop();
-  CHECK_EQ(level, 0);
-  CHECK_EQ(normalise(capture.lines()),
-           (Lines{"1136 *EXC*  clapi_impl.clapiSetAPITraceLevelFromEnv() Supplied trace environment value " + value +
-                  " was invalid"}));
+// An invalid QVA_CLIENT_TRACE_LEVEL (ARGS: the value; none for the empty
+// value, which CTest cannot pass): one exception line, then level 0.
+TEST_F(Driver, EnvLevelInvalid) {
+  ASSERT_LE(args.size(), 1u);
+  const std::string value = args.empty() ? "" : args[0];
+  ASSERT_NE(std::getenv("QVA_CLIENT_TRACE_LEVEL"), nullptr);
+  ASSERT_EQ(env("QVA_CLIENT_TRACE_LEVEL"), value);
+  EXPECT_EQ(captured([] { EXPECT_EQ(currentLevel(), 0); }),
+            (Lines{"1136 *EXC*  clapi_impl.clapiSetAPITraceLevelFromEnv() Supplied trace environment value " + value +
+                   " was invalid"}));
 }
 
-// QVA_CLIENT_TRACE_FILE with a valid level: the banner opens the file.
-void fileFromEnv(qvatest::ScratchDir &scratch, int expectedLevel) {
+// QVA_CLIENT_TRACE_FILE with a valid level (ARGS: the level): the banner
+// opens the file, nothing goes to stderr.
+TEST_F(Driver, EnvFile) {
+  ASSERT_EQ(args.size(), 1u);
+  const int expected = std::stoi(args[0]);
   const std::string file = env("QVA_CLIENT_TRACE_FILE");
-  qvatest::StderrCapture capture(scratch.file("stderr"));
-  CHECK_EQ(currentLevel(), expectedLevel);
-  capture.stop();
-  CHECK_EQ(capture.lines(), Lines{});
-  CHECK(exists(file));
-  Lines lines = normalise(qvatest::readLines(file));
-  if (expectedLevel == 0) {
-    CHECK_EQ(lines, Lines{});
-  } else {
-    CHECK_EQ(head(lines, 2), (Lines{"BANNER", bannerSecondLine(expectedLevel, file)}));
-  }
-  if (expectedLevel >= 4) {
-    CHECK_EQ(lines.size() >= 3 ? lines[2] : std::string(),
-             "1141 DEBUG  clapi_impl.clapiSetAPITraceFileFromEnv() Trace file switched to new destination. Filename=" +
-                 file);
-  }
+  EXPECT_EQ(captured([&] { EXPECT_EQ(currentLevel(), expected); }), Lines{});
+  ASSERT_TRUE(exists(file));
+  const Lines lines = normalise(readLines(file));
+  Lines head{"BANNER", bannerSecondLine(expected, file),
+             "1141 DEBUG  clapi_impl.clapiSetAPITraceFileFromEnv() Trace file switched to new destination. "
+             "Filename=" + file};
+  head.resize(expected == 0 ? 0 : expected < 4 ? 2 : 3);
+  EXPECT_EQ(expected == 0 ? lines : slice(lines, 0, head.size()), head);
 }
 
 // A trace file that cannot be opened: banner and exception on stderr.
-void fileFromEnvBad(qvatest::ScratchDir &scratch) {
+TEST_F(Driver, EnvFileBad) {
   const std::string file = env("QVA_CLIENT_TRACE_FILE");
-  qvatest::StderrCapture capture(scratch.file("stderr"));
-  CHECK_EQ(currentLevel(), 1);
-  capture.stop();
-  CHECK(!exists(file));
-  CHECK_EQ(normalise(capture.lines()),
-           (Lines{"BANNER", bannerSecondLine(1, "stderr"),
-                  "1143 *EXC*  clapi_impl.clapiSetAPITraceFileFromEnv(" + file +
-                      ") file append failed with errno=2. Trace file destination is unchanged. Filename=stderr"}));
+  EXPECT_EQ(captured([] { EXPECT_EQ(currentLevel(), 1); }),
+            (Lines{"BANNER", bannerSecondLine(1, "stderr"),
+                   "1143 *EXC*  clapi_impl.clapiSetAPITraceFileFromEnv(" + file +
+                       ") file append failed with errno=2. Trace file destination is unchanged. Filename=stderr"}));
+  EXPECT_FALSE(exists(file));
 }
 
 // An empty QVA_CLIENT_TRACE_FILE does nothing at all, not even the banner.
-void fileFromEnvEmpty(qvatest::ScratchDir &scratch) {
-  CHECK(std::getenv("QVA_CLIENT_TRACE_FILE") != nullptr);
-  qvatest::StderrCapture capture(scratch.file("stderr"));
-  CHECK_EQ(currentLevel(), 1);
-  capture.stop();
-  CHECK_EQ(capture.lines(), Lines{});
+TEST_F(Driver, EnvFileEmpty) {
+  ASSERT_NE(std::getenv("QVA_CLIENT_TRACE_FILE"), nullptr);
+  EXPECT_EQ(captured([] { EXPECT_EQ(currentLevel(), 1); }), Lines{});
 }
 
-// QVA_CLIENT_DATA_LENGTH / _OFFSET: the settings, and a dump that uses them.
-void dataFromEnv(qvatest::ScratchDir &scratch, uint32_t truncation, uint32_t offset) {
-  CHECK_EQ(currentLevel(), 0);
-  CHECK_EQ(clientAPIDataTrunc, truncation);
-  CHECK_EQ(clientAPIDataOffset, offset);
+// QVA_CLIENT_DATA_LENGTH / _OFFSET (ARGS: the truncation and offset they
+// give): the settings, and a dump that uses them.
+TEST_F(Driver, EnvData) {
+  ASSERT_EQ(args.size(), 2u);
+  const uint32_t truncation = static_cast<uint32_t>(std::stoul(args[0]));
+  const uint32_t offset = static_cast<uint32_t>(std::stoul(args[1]));
+  EXPECT_EQ(currentLevel(), 0);
+  EXPECT_EQ(clientAPIDataTrunc, truncation);
+  EXPECT_EQ(clientAPIDataOffset, offset);
   uint8_t block[200] = {};
-  qvatest::StderrCapture capture(scratch.file("stderr"));
-  uint32_t shown = clapiTraceOutStorage(block, sizeof block, 0, 16, 1);
-  capture.stop();
+  uint32_t shown = 0;
+  const Lines lines = captured([&] { shown = clapiTraceOutStorage(block, sizeof block, 0, 16, 1); });
   uint32_t expected = offset >= sizeof block ? 0 : static_cast<uint32_t>(sizeof block) - offset;
   if (truncation != 0 && expected > truncation) expected = truncation;
-  CHECK_EQ(shown, expected);
-  Lines lines = capture.lines();
-  CHECK_EQ(head(lines, 1), (Lines{"Data truncation size=" + std::to_string(truncation) +
-                                  ", offset=" + std::to_string(offset)}));
+  EXPECT_EQ(shown, expected);
+  EXPECT_EQ(slice(lines, 0, 1), (Lines{"Data truncation size=" + std::to_string(truncation) +
+                                       ", offset=" + std::to_string(offset)}));
 }
 
 // Level 4 with a file: the settings' DEBUG lines follow the banner.
-void paramsTraced() {
+TEST_F(Driver, EnvParamsTraced) {
   const std::string file = env("QVA_CLIENT_TRACE_FILE");
-  CHECK_EQ(currentLevel(), 4);
-  CHECK_EQ(clientAPIDataTrunc, 64u);
-  CHECK_EQ(clientAPIDataOffset, 0u);
-  CHECK_EQ(head(normalise(qvatest::readLines(file)), 8),
-           (Lines{"BANNER", bannerSecondLine(4, file),
-                  "1141 DEBUG  clapi_impl.clapiSetAPITraceFileFromEnv() Trace file switched to new destination. "
-                  "Filename=" + file,
-                  "1050 ENTRY  clapi_impl.clapiSetAPITraceParamsFromEnv()",
-                  "1051 DEBUG  clapi_impl.clapiSetAPITraceParamsFromEnv Environment variable "
-                  "QVA_CLIENT_DATA_LENGTH=64k",
-                  "1052 DEBUG  clapi_impl.clapiSetAPITraceParamsFromEnv Data truncation length set to 64",
-                  "1053 DEBUG  clapi_impl.clapiSetAPITraceParamsFromEnv Environment variable "
-                  "QVA_CLIENT_DATA_OFFSET=x64",
-                  "1055 EXIT   clapi_impl.clapiSetAPITraceParamsFromEnv()"}));
+  EXPECT_EQ(currentLevel(), 4);
+  EXPECT_EQ(clientAPIDataTrunc, 64u);
+  EXPECT_EQ(clientAPIDataOffset, 0u);
+  const std::string params = "clapi_impl.clapiSetAPITraceParamsFromEnv";
+  EXPECT_EQ(slice(normalise(readLines(file)), 0, 8),
+            (Lines{"BANNER", bannerSecondLine(4, file),
+                   "1141 DEBUG  clapi_impl.clapiSetAPITraceFileFromEnv() Trace file switched to new destination. "
+                   "Filename=" + file,
+                   "1050 ENTRY  " + params + "()",
+                   "1051 DEBUG  " + params + " Environment variable QVA_CLIENT_DATA_LENGTH=64k",
+                   "1052 DEBUG  " + params + " Data truncation length set to 64",
+                   "1053 DEBUG  " + params + " Environment variable QVA_CLIENT_DATA_OFFSET=x64",
+                   "1055 EXIT   " + params + "()"}));
 }
 
 // The environment is read once: later changes do nothing.
-void envReadOnce(qvatest::ScratchDir &scratch) {
-  qvatest::StderrCapture capture(scratch.file("stderr"));
-  CHECK_EQ(currentLevel(), 2);
+TEST_F(Driver, EnvReadOnce) {
   const std::string later = scratch.file("later.trc");
-  setenv("QVA_CLIENT_TRACE_LEVEL", "5", 1);
-  setenv("QVA_CLIENT_TRACE_FILE", later.c_str(), 1);
-  setenv("QVA_CLIENT_DATA_LENGTH", "7", 1);
-  setenv("QVA_CLIENT_DATA_OFFSET", "3", 1);
-  const char *version = nullptr;
-  CHECK_EQ(QVA_getDLLVersion(&version), QVA_OK);
-  CHECK_EQ(clapiInit(), QVA_OK);
-  CHECK_EQ(currentLevel(), 2);
-  capture.stop();
-  CHECK_EQ(clientAPIDataTrunc, 50u);
-  CHECK_EQ(clientAPIDataOffset, 0u);
-  CHECK(!exists(later));
-  CHECK_EQ(normalise(capture.lines()), (Lines{"BANNER", bannerSecondLine(2, "stderr")}));
+  EXPECT_EQ(captured([&] {
+              EXPECT_EQ(currentLevel(), 2);
+              setenv("QVA_CLIENT_TRACE_LEVEL", "5", 1);
+              setenv("QVA_CLIENT_TRACE_FILE", later.c_str(), 1);
+              setenv("QVA_CLIENT_DATA_LENGTH", "7", 1);
+              setenv("QVA_CLIENT_DATA_OFFSET", "3", 1);
+              const char *version = nullptr;
+              EXPECT_EQ(QVA_getDLLVersion(&version), QVA_OK);
+              EXPECT_EQ(clapiInit(), QVA_OK);
+              EXPECT_EQ(currentLevel(), 2);
+            }),
+            (Lines{"BANNER", bannerSecondLine(2, "stderr")}));
+  EXPECT_EQ(clientAPIDataTrunc, 50u);
+  EXPECT_EQ(clientAPIDataOffset, 0u);
+  EXPECT_FALSE(exists(later));
 }
 
 // Sixteen threads make their first call at once; the set-up runs once.
-void initRace() {
+TEST_F(Driver, InitRace) {
   const std::string file = env("QVA_CLIENT_TRACE_FILE");
-  constexpr int kThreads = 16;
+  constexpr size_t kThreads = 16;
   std::barrier start(kThreads);
   std::vector<int> results(kThreads, -999);
   std::vector<std::string> seen(kThreads);
   std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
+  for (size_t t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
       start.arrive_and_wait();
       const char *text = nullptr;
       int level = -7;
-      int rc;
-      switch (t % 3) {
-        case 0:
-          rc = QVA_getDLLVersion(&text);
-          seen[static_cast<size_t>(t)] = text != nullptr ? text : "(null)";
-          break;
-        case 1:
-          rc = QVA_getAPIVersion(&text);
-          seen[static_cast<size_t>(t)] = text != nullptr ? text : "(null)";
-          break;
-        default:
-          rc = QVA_getAPITraceLevel(&level);
-          seen[static_cast<size_t>(t)] = std::to_string(level);
-          break;
-      }
-      results[static_cast<size_t>(t)] = rc;
+      results[t] = t % 3 == 0 ? QVA_getDLLVersion(&text) : t % 3 == 1 ? QVA_getAPIVersion(&text)
+                                                                      : QVA_getAPITraceLevel(&level);
+      seen[t] = t % 3 == 2 ? std::to_string(level) : text != nullptr ? text : "(null)";
     });
   }
   for (std::thread &thread : threads) thread.join();
-  for (int t = 0; t < kThreads; ++t) {
-    CHECK_EQ(results[static_cast<size_t>(t)], QVA_OK);
-    const char *expected = t % 3 == 0 ? "8.0.0.1" : t % 3 == 1 ? "2.1.0.0" : "1";
-    CHECK_EQ(seen[static_cast<size_t>(t)], std::string(expected));
+  for (size_t t = 0; t < kThreads; ++t) {
+    EXPECT_EQ(results[t], QVA_OK);
+    EXPECT_EQ(seen[t], t % 3 == 0 ? "8.0.0.1" : t % 3 == 1 ? "2.1.0.0" : "1");
   }
-  CHECK_EQ(mutexInits.load(), 2);
-  CHECK_EQ(normalise(qvatest::readLines(file)), (Lines{"BANNER", bannerSecondLine(1, file)}));
+  EXPECT_EQ(mutexInits.load(), 2);
+  EXPECT_EQ(normalise(readLines(file)), (Lines{"BANNER", bannerSecondLine(1, file)}));
 }
 
 // Every frame call after a failed initialisation returns the stored code
 // without doing its work; the two setters and the close pointer checks still
-// do theirs.
-void callsAfterFailedInit(qvatest::ScratchDir &scratch, int stored) {
+// do theirs. Returns what went to stderr.
+Lines callsAfterFailedInit(const ScratchDir &scratch, int stored) {
+  StderrCapture capture(scratch.file("stderr"));
   const char *version = nullptr;
-  CHECK_EQ(QVA_getDLLVersion(&version), stored);
-  CHECK(version == nullptr);
-  CHECK_EQ(QVA_getDLLVersion(nullptr), stored);
-  CHECK_EQ(QVA_getAPIVersion(&version), stored);
-  CHECK(version == nullptr);
-  CHECK_EQ(QVA_setAPITraceLevel(2), stored);
-  CHECK_EQ(QVA_setAPITraceLevel(9), stored);
   int level = -7;
-  CHECK_EQ(QVA_getAPITraceLevel(&level), stored);
-  CHECK_EQ(level, -7);
-  CHECK_EQ(QVA_getAPITraceLevel(nullptr), stored);
-  const std::string file = scratch.file("after-failure.trc");
-  CHECK_EQ(QVA_setAPITraceFile(file.c_str()), stored);
-  CHECK(!exists(file));
-  CHECK_EQ(QVA_dumpState(), stored);
   QvaGatewayToken *token = nullptr;
-  CHECK_EQ(QVA_openRemoteGatewayConnection("127.0.0.1", 1, &token, 1), stored);
-  CHECK(token == nullptr);
-  CHECK_EQ(QVA_closeAllGatewayConnections(), stored);
-  ECI_PARMS parms;
-  std::memset(&parms, 0, sizeof parms);
-  CHECK_EQ(QVA_ECI_Execute(nullptr, &parms), stored);
-  CHECK_EQ(QVA_closeGatewayConnection(nullptr), QVA_ERR_NULLGWTOKPTR);
-  CHECK_EQ(QVA_closeGatewayConnection(&token), QVA_ERR_NULLGWTOK);
-  CHECK_EQ(clapiInit(), stored);
-
+  ECI_PARMS parms{};
+  const std::string file = scratch.file("after-failure.trc");
+  const int results[] = {QVA_getDLLVersion(&version), QVA_getDLLVersion(nullptr), QVA_getAPIVersion(&version),
+                         QVA_setAPITraceLevel(2), QVA_setAPITraceLevel(9), QVA_getAPITraceLevel(&level),
+                         QVA_getAPITraceLevel(nullptr), QVA_setAPITraceFile(file.c_str()), QVA_dumpState(),
+                         QVA_openRemoteGatewayConnection("127.0.0.1", 1, &token, 1), QVA_closeAllGatewayConnections(),
+                         QVA_ECI_Execute(nullptr, &parms), clapiInit()};
+  for (size_t i = 0; i < std::size(results); ++i) EXPECT_EQ(results[i], stored) << "call " << i;
+  EXPECT_TRUE(version == nullptr && level == -7 && token == nullptr && !exists(file));
+  EXPECT_EQ(QVA_closeGatewayConnection(nullptr), QVA_ERR_NULLGWTOKPTR);
+  EXPECT_EQ(QVA_closeGatewayConnection(&token), QVA_ERR_NULLGWTOK);
   QVA_setAPITraceDataOffset(8);
   QVA_setAPITraceDataLength(0);
-  CHECK_EQ(clientAPIDataOffset, 8u);
-  CHECK_EQ(clientAPIDataTrunc, 0u);
-}
-
-const std::regex &lockInitFailed() {
-  static const std::regex pattern(
+  EXPECT_EQ(clientAPIDataOffset, 8u);
+  EXPECT_EQ(clientAPIDataTrunc, 0u);
+  capture.stop();
+  EXPECT_EQ(clientAPITrace.load(), 1);
+  const Lines lines = normalise(capture.lines());
+  static const std::regex lockInitFailed(
       R"(^3101 \*EXC\*  clapi_lock\.clapiInitializeLock\(lockPtr=0x[0-9a-f]+\) Lock initialization failed errno=-?\d+$)");
-  return pattern;
+  EXPECT_TRUE(!lines.empty() && std::regex_match(lines[0], lockInitFailed)) << lines.size();
+  return lines;
 }
 
 // The trace lock cannot be created: -121 for good, one raw line on stderr.
-void initFailTrace(qvatest::ScratchDir &scratch) {
-  qvatest::StderrCapture capture(scratch.file("stderr"));
-  callsAfterFailedInit(scratch, QVA_ERR_LOCKFAIL);
-  capture.stop();
-  CHECK_EQ(mutexInits.load(), 1);
-  CHECK_EQ(clientAPITrace.load(), 1);
-  Lines lines = normalise(capture.lines());
-  CHECK(!lines.empty() && std::regex_match(lines[0], lockInitFailed()));
-  CHECK_EQ(Lines(lines.begin() + std::min<size_t>(1, lines.size()), lines.begin() + std::min<size_t>(4, lines.size())),
-           (Lines{"clapi_impl.clapiInitFunc() Initialization of qvaclient API trace has failed. rc=-121", "BANNER",
-                  bannerSecondLine(1, "stderr")}));
-  int raw = 0;
-  for (const std::string &line : lines) {
-    if (line.find("Initialization of qvaclient API trace has failed") != std::string::npos) ++raw;
-  }
-  CHECK_EQ(raw, 1);
+TEST_F(Driver, InitFailTrace) {
+  const Lines lines = callsAfterFailedInit(scratch, QVA_ERR_LOCKFAIL);
+  EXPECT_EQ(mutexInits.load(), 1);
+  EXPECT_EQ(slice(lines, 1, 4), (Lines{"clapi_impl.clapiInitFunc() Initialization of qvaclient API trace has failed. "
+                                       "rc=-121",
+                                       "BANNER", bannerSecondLine(1, "stderr")}));
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](const std::string &line) {
+              return line.find("Initialization of qvaclient API trace has failed") != std::string::npos;
+            }),
+            1);
 }
 
 // The token-list lock cannot be created: the lock module's -2 for good, and
-// the trace stays at level 1.
-void initFailGtl(qvatest::ScratchDir &scratch) {
-  qvatest::StderrCapture capture(scratch.file("stderr"));
-  callsAfterFailedInit(scratch, -2);
-  capture.stop();
-  CHECK_EQ(mutexInits.load(), 2);
-  CHECK_EQ(clientAPITrace.load(), 1);
-  Lines lines = normalise(capture.lines());
-  CHECK(!lines.empty() && std::regex_match(lines[0], lockInitFailed()));
-  CHECK_EQ(Lines(lines.begin() + std::min<size_t>(1, lines.size()), lines.begin() + std::min<size_t>(4, lines.size())),
-           (Lines{"1124 *EXC*  clapi_impl.clapiInitFunc() Initialization of qvaclient API Gateway Token List has "
-                  "failed. rc=-2",
-                  "BANNER", bannerSecondLine(1, "stderr")}));
-  // Level 1: the close's pointer check is reported, no ENTRY or EXIT is.
+// the trace stays at level 1: the close's pointer check is reported, no ENTRY
+// or EXIT is.
+TEST_F(Driver, InitFailGtl) {
+  const Lines lines = callsAfterFailedInit(scratch, -2);
+  EXPECT_EQ(mutexInits.load(), 2);
+  EXPECT_EQ(slice(lines, 1, 4), (Lines{"1124 *EXC*  clapi_impl.clapiInitFunc() Initialization of qvaclient API "
+                                       "Gateway Token List has failed. rc=-2",
+                                       "BANNER", bannerSecondLine(1, "stderr")}));
   int closeExc = 0;
   for (const std::string &line : lines) {
     if (line.rfind("1005 *EXC*  API.QVA_closeGatewayConnection(", 0) == 0) ++closeExc;
-    CHECK(line.find(" ENTRY  ") == std::string::npos && line.find(" EXIT   ") == std::string::npos);
+    EXPECT_TRUE(line.find(" ENTRY  ") == std::string::npos && line.find(" EXIT   ") == std::string::npos) << line;
   }
-  CHECK_EQ(closeExc, 1);
+  EXPECT_EQ(closeExc, 1);
 }
 
 // With QVA_CLIENT_TRACE_LEVEL=3 the frame still traces entry and exit, and
 // skips its checks.
-void initFailGtlTraced(qvatest::ScratchDir &scratch) {
-  qvatest::StderrCapture capture(scratch.file("stderr"));
-  CHECK_EQ(QVA_getDLLVersion(nullptr), -2);
-  capture.stop();
-  Lines lines = normalise(capture.lines());
+TEST_F(Driver, InitFailGtlTraced) {
+  const Lines lines = captured([] { EXPECT_EQ(QVA_getDLLVersion(nullptr), -2); });
   const std::string nil = ptrText(nullptr);
-  CHECK_EQ(Lines(lines.begin() + std::min<size_t>(4, lines.size()), lines.end()),
-           (Lines{"1050 ENTRY  clapi_impl.clapiSetAPITraceParamsFromEnv()",
-                  "1055 EXIT   clapi_impl.clapiSetAPITraceParamsFromEnv()",
-                  "1130 ENTRY  API.QVA_getDLLVersion(&dllVersPtr=" + nil + ")",
-                  "1132 EXIT   API.QVA_getDLLVersion(dllVersPtr=" + nil + "), rc=-2"}));
-  CHECK_EQ(clientAPITrace.load(), 3);
+  EXPECT_EQ(slice(lines, 4, lines.size()), (Lines{"1050 ENTRY  clapi_impl.clapiSetAPITraceParamsFromEnv()",
+                                                  "1055 EXIT   clapi_impl.clapiSetAPITraceParamsFromEnv()",
+                                                  "1130 ENTRY  API.QVA_getDLLVersion(&dllVersPtr=" + nil + ")",
+                                                  "1132 EXIT   API.QVA_getDLLVersion(dllVersPtr=" + nil + "), rc=-2"}));
+  EXPECT_EQ(clientAPITrace.load(), 3);
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
+  ::testing::InitGoogleTest(&argc, argv);
   if (argc < 2) {
-    std::cout << "usage: " << argv[0] << " SCENARIO [ARGS]\n";
+    std::printf("usage: %s SCENARIO [ARGS]\n", argv[0]);
     return 2;
   }
   const std::string scenario = argv[1];
-  const std::vector<std::string> args(argv + 2, argv + argc);
-  if (scenario == "init-fail-trace") failAt = 1;
-  if (scenario.rfind("init-fail-gtl", 0) == 0) failAt = 2;
-
-  qvatest::ScratchDir scratch;
-  if (scratch.path().empty()) {
-    std::cout << "no scratch directory\n";
-    return 2;
-  }
-  // A trace file left by an earlier run would add its lines to this one's.
-  const std::string traceFile = env("QVA_CLIENT_TRACE_FILE");
-  if (!traceFile.empty()) unlink(traceFile.c_str());
-
-  if (scenario == "env-level-valid") {
-    levelValid(scratch);
-  } else if (scenario == "env-level-invalid" && args.size() <= 1) {
-    // No argument stands for the empty value, which CTest cannot pass.
-    levelInvalid(scratch, args.empty() ? std::string() : args[0]);
-  } else if (scenario == "env-file" && args.size() == 1) {
-    fileFromEnv(scratch, std::stoi(args[0]));
-  } else if (scenario == "env-file-bad") {
-    fileFromEnvBad(scratch);
-  } else if (scenario == "env-file-empty") {
-    fileFromEnvEmpty(scratch);
-  } else if (scenario == "env-data" && args.size() == 2) {
-    dataFromEnv(scratch, static_cast<uint32_t>(std::stoul(args[0])), static_cast<uint32_t>(std::stoul(args[1])));
-  } else if (scenario == "env-params-traced") {
-    paramsTraced();
-  } else if (scenario == "env-read-once") {
-    envReadOnce(scratch);
-  } else if (scenario == "init-race") {
-    initRace();
-  } else if (scenario == "init-fail-trace") {
-    initFailTrace(scratch);
-  } else if (scenario == "init-fail-gtl") {
-    initFailGtl(scratch);
-  } else if (scenario == "init-fail-gtl-traced") {
-    initFailGtlTraced(scratch);
-  } else {
-    std::cout << "unknown scenario or arguments: " << scenario << "\n";
-    return 2;
-  }
-  std::cout << scenario << ": " << (failures == 0 ? "ok" : "FAILED") << "\n";
-  return failures == 0 ? 0 : 1;
+  args.assign(argv + 2, argv + argc);
+  failAt = scenario == "InitFailTrace" ? 1 : scenario.rfind("InitFailGtl", 0) == 0 ? 2 : 0;
+  GTEST_FLAG_SET(filter, "Driver." + scenario);
+  const int rc = RUN_ALL_TESTS();
+  return ::testing::UnitTest::GetInstance()->test_to_run_count() == 1 ? rc : 2;
 }

@@ -6,12 +6,8 @@
 #include <stdio.h>
 #include <string.h>
 
-/* The packed layout on a 64-bit host: 8-byte pointers, no gaps. */
-typedef char eci_parms_is_94_bytes[(sizeof(ECI_PARMS) == 94) ? 1 : -1];
-typedef char commarea_at_50[(offsetof(ECI_PARMS, eci_commarea) == 50) ? 1 : -1];
-typedef char luw_token_at_64[(offsetof(ECI_PARMS, eci_luw_token) == 64) ? 1 : -1];
-typedef char channel_at_86[(offsetof(ECI_PARMS, eci_channel) == 86) ? 1 : -1];
-typedef char system_entry_is_70_bytes[(sizeof(QVA_SYSTEM_ENTRY) == 70) ? 1 : -1];
+/* The packed layout as C sees it (header_cpp.cpp pins the rest). */
+typedef char eci_parms_is_packed[(sizeof(ECI_PARMS) == 78 + 2 * sizeof(void *)) ? 1 : -1];
 typedef char container_info_is_29_bytes[(sizeof(ContainerInfo) == 29) ? 1 : -1];
 typedef char info_length_at_25[(offsetof(ContainerInfo, dataLength) == 25) ? 1 : -1];
 

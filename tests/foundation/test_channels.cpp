@@ -1,6 +1,7 @@
 // Channels and containers without a Gateway: the name rule, the walk and its
 // cursor, CCSID decisions, data offsets and lengths, argument checks, stale
-// tokens, allocation failures and the exact trace of a small session.
+// tokens, allocation failures, the trace of a small session; and the checks
+// of an ECI parameter block.
 
 #include <cstdlib>
 #include <cstring>
@@ -8,12 +9,12 @@
 
 #include "clapi_channel.h"
 #include "clapi_diag.h"
+#include "clapi_eci.h"
 #include "trace_fixture.h"
 
 namespace {
 
 using namespace qvatest;
-using Lines = std::vector<std::string>;
 
 class ChannelTest : public TraceFileTest {
  protected:
@@ -43,30 +44,19 @@ class ChannelTest : public TraceFileTest {
   QvaChannel *chan = nullptr;
 };
 
-struct NameCase {
-  std::string name;
-  int rc;
-  std::string exc;  // the *EXC* line validateName writes, if any
-};
-
 TEST_F(ChannelTest, NameRuleAcceptsExactlyTheSetAndSixteenCharacters) {
-  const NameCase cases[] = {
-      {"ABCDEFGHIJKLMNOP", ECI_NO_ERROR, ""},
-      {"az09<>$@#/%&?!:|", ECI_NO_ERROR, ""},
-      {"\\\"=';.-_", ECI_NO_ERROR, ""},
-      {"ABCDEFGHIJKLMNOPQ", ECI_ERR_INVALID_NAME, "1402 *EXC*  clapi_channel.validateName name length exceeds 16"},
-      {"ABCDEFGHIJKLMNOP ", ECI_ERR_INVALID_NAME, "1402 *EXC*  clapi_channel.validateName name length exceeds 16"},
-      {"TWO WORDS", ECI_ERR_INVALID_NAME, "1403 *EXC*  clapi_channel.validateName name contains invalid character ' '"},
-      {"A,B", ECI_ERR_INVALID_NAME, "1403 *EXC*  clapi_channel.validateName name contains invalid character ','"},
-      {"A+", ECI_ERR_INVALID_NAME, "1403 *EXC*  clapi_channel.validateName name contains invalid character '+'"},
-      {"caf\xE9", ECI_ERR_INVALID_NAME, "1403 *EXC*  clapi_channel.validateName name contains invalid character '\xE9'"},
-      {"", ECI_ERR_INVALID_NAME, "1407 *EXC*  clapi_channel.validateName name is zero length"},
-  };
-  ASSERT_EQ(QVA_setAPITraceLevel(1), QVA_OK);
-  for (const NameCase &c : cases) {
+  const std::string bad = "1403 *EXC*  clapi_channel.validateName name contains invalid character '";
+  const std::string tooLong = "1402 *EXC*  clapi_channel.validateName name length exceeds 16";
+  const struct {
+    std::string name, exc;  // the *EXC* line validateName writes, if any
+  } cases[] = {{"ABCDEFGHIJKLMNOP", ""}, {"az09<>$@#/%&?!:|", ""}, {"\\\"=';.-_", ""}, {"ABCDEFGHIJKLMNOPQ", tooLong},
+               {"ABCDEFGHIJKLMNOP ", tooLong}, {"TWO WORDS", bad + " '"}, {"A,B", bad + ",'"}, {"A+", bad + "+'"},
+               {"caf\xE9", bad + "\xE9'"}, {"", "1407 *EXC*  clapi_channel.validateName name is zero length"}};
+  level(1);
+  for (const auto &c : cases) {
     mark();
     QvaChannel *made = nullptr;
-    EXPECT_EQ(ECI_createChannel(c.name.c_str(), &made), c.rc) << c.name;
+    EXPECT_EQ(ECI_createChannel(c.name.c_str(), &made), c.exc.empty() ? ECI_NO_ERROR : ECI_ERR_INVALID_NAME) << c.name;
     EXPECT_EQ(sinceMark(), c.exc.empty() ? Lines{} : Lines{c.exc}) << c.name;
     if (made != nullptr) {
       char stored[17];
@@ -81,24 +71,19 @@ TEST_F(ChannelTest, NameRuleAcceptsExactlyTheSetAndSixteenCharacters) {
 }
 
 TEST_F(ChannelTest, WalkRunsNewestFirstRestartsAfterItsEndAndSurvivesDeletes) {
-  add("A");
-  add("B");
-  add("C");
+  for (const char *name : {"A", "B", "C"}) add(name);
   EXPECT_EQ(walk(), "C B A ");
   EXPECT_EQ(walk(), "C B A ") << "after the end the walk starts over";
-
   ContainerInfo info;
   ASSERT_EQ(ECI_getFirstContainer(chan, &info), ECI_NO_ERROR);
   ASSERT_EQ(ECI_getNextContainer(chan, &info), ECI_NO_ERROR);  // on B
   ASSERT_EQ(ECI_deleteContainer(chan, "B"), ECI_NO_ERROR);
   ASSERT_EQ(ECI_getNextContainer(chan, &info), ECI_NO_ERROR);
   EXPECT_STREQ(info.name, "A") << "the walk goes on after the deleted container";
-
   ASSERT_EQ(ECI_getFirstContainer(chan, &info), ECI_NO_ERROR);  // on C, the first
   ASSERT_EQ(ECI_deleteContainer(chan, "C"), ECI_NO_ERROR);
   ASSERT_EQ(ECI_getNextContainer(chan, &info), ECI_NO_ERROR);
   EXPECT_STREQ(info.name, "A") << "deleting the first restarts at the new first";
-
   add("a");  // names differ by case
   EXPECT_EQ(ECI_createContainer(chan, "A", ECI_BIT, 0, nullptr, 0), ECI_ERR_CONTAINER_EXISTS);
   ASSERT_EQ(ECI_deleteContainer(chan, "A"), ECI_NO_ERROR);
@@ -112,18 +97,13 @@ TEST_F(ChannelTest, LangMapsByPrefixFirstMatchWinsAndDefaultsTo819) {
   const struct {
     const char *lang;  // null: unset
     int32_t ccsid;
-  } cases[] = {
-      {nullptr, 819},      {"", 819},           {"tr_TR", 920},       {"trx", 920},          {"ja_JP.UTF-8", 5050},
-      {"zh_TW.big5x", 950}, {"zh_TWN", 964},    {"zh_TW.BIG5", 964},  {"zh_HK", 1383},       {"zh_CN.GB2312", 1383},
-      {"ar_EG", 1089},     {"iw_IL", 916},      {"tchinese", 964},    {"en_US.UTF-8", 819},  {"de_DE", 819},
-  };
-  ASSERT_EQ(QVA_setAPITraceLevel(1), QVA_OK);
+  } cases[] = {{nullptr, 819},       {"", 819},         {"tr_TR", 920},        {"trx", 920},
+               {"ja_JP.UTF-8", 5050}, {"zh_TW.big5x", 950}, {"zh_TWN", 964},   {"zh_TW.BIG5", 964},
+               {"zh_HK", 1383},      {"zh_CN.GB2312", 1383}, {"ar_EG", 1089},  {"iw_IL", 916},
+               {"tchinese", 964},    {"en_US.UTF-8", 819}, {"de_DE", 819}};
+  level(1);
   for (const auto &c : cases) {
-    if (c.lang == nullptr) {
-      unsetenv("LANG");
-    } else {
-      setenv("LANG", c.lang, 1);
-    }
+    c.lang == nullptr ? unsetenv("LANG") : setenv("LANG", c.lang, 1);
     mark();
     int32_t ccsid = -1;
     EXPECT_EQ(getCurrentCcsid(&ccsid), 0);
@@ -131,8 +111,7 @@ TEST_F(ChannelTest, LangMapsByPrefixFirstMatchWinsAndDefaultsTo819) {
     const bool unmapped = c.ccsid == 819 && c.lang != nullptr && c.lang[0] != '\0';
     EXPECT_EQ(sinceMark(), unmapped ? Lines{std::string("1439 *EXC*  clapi_channel.getCurrentCcsid Unable to find a "
                                                         "CCSID for codeset ") + c.lang}
-                                    : Lines{})
-        << c.lang;
+                                    : Lines{});
   }
   unsetenv("LANG");
 }
@@ -225,10 +204,12 @@ TEST_F(ChannelTest, ArgumentsAreCheckedInOrderAndStaleTokensAreRefused) {
       {ECI_createContainer(chan, nullptr, 9, 0, nullptr, 1), ECI_ERR_INVALID_TYPE},
       {ECI_createContainer(chan, nullptr, ECI_BIT, 0, nullptr, 1), ECI_ERR_INVALID_DATA_LENGTH},
       {ECI_createContainer(copy, "OK", ECI_BIT, 0, nullptr, 0), ECI_ERR_INVALID_CHANNEL},
+      {ECI_setContainerData(nullptr, "NONE", nullptr, 1), ECI_ERR_INVALID_CHANNEL},
       {ECI_setContainerData(chan, "NONE", nullptr, 1), ECI_ERR_INVALID_DATA_LENGTH},
       {ECI_setContainerData(chan, "NONE", nullptr, 0), ECI_ERR_CONTAINER_NOTFOUND},
       {ECI_getContainerData(chan, "NONE", nullptr, 1, 0, nullptr), ECI_ERR_NULLPTR},
       {ECI_getContainerData(chan, "NONE", name, 1, 0, nullptr), ECI_ERR_CONTAINER_NOTFOUND},
+      {ECI_getContainerInfo(nullptr, "NONE", nullptr), ECI_ERR_INVALID_CHANNEL},
       {ECI_getContainerInfo(chan, "NONE", nullptr), ECI_ERR_NULLINFOPTR},
       {ECI_getContainerInfo(chan, "NO NAME", &info), ECI_ERR_INVALID_NAME},
       {ECI_getNextContainer(chan, nullptr), ECI_ERR_NULLINFOPTR},
@@ -239,10 +220,12 @@ TEST_F(ChannelTest, ArgumentsAreCheckedInOrderAndStaleTokensAreRefused) {
 
 TEST_F(ChannelTest, FailedAllocationsLeaveNoHalfBuiltContainer) {
   add("KEEP", "old data");
+  add("SAME", "old");
   setAllocFailHook([](uint32_t, const char *tag) { return std::strcmp(tag, "CDAT") == 0; });
   EXPECT_EQ(ECI_createContainer(chan, "NEW", ECI_CHAR, 0, "x", 1), ECI_ERR_MEMORY_SHORTAGE);
   EXPECT_EQ(chan->ccsid, 819) << "a CCSID decided before the failure stays";
   EXPECT_EQ(ECI_setContainerData(chan, "KEEP", "new", 3), ECI_ERR_MEMORY_SHORTAGE);
+  EXPECT_EQ(ECI_setContainerData(chan, "SAME", "new", 3), ECI_ERR_MEMORY_SHORTAGE);
   setAllocFailHook([](uint32_t, const char *tag) { return std::strcmp(tag, "CONT") == 0; });
   EXPECT_EQ(ECI_createContainer(chan, "NEW", ECI_BIT, 0, "x", 1), ECI_ERR_MEMORY_SHORTAGE);
   setAllocFailHook([](uint32_t, const char *tag) { return std::strcmp(tag, "CHAN") == 0; });
@@ -250,15 +233,16 @@ TEST_F(ChannelTest, FailedAllocationsLeaveNoHalfBuiltContainer) {
   EXPECT_EQ(ECI_createChannel("NONE", &none), ECI_ERR_MEMORY_SHORTAGE);
   EXPECT_EQ(none, nullptr);
   setAllocFailHook(nullptr);
-  EXPECT_EQ(walk(), "KEEP ") << "no container was added";
-  ContainerInfo info;
-  ASSERT_EQ(ECI_getContainerInfo(chan, "KEEP", &info), ECI_NO_ERROR);
-  EXPECT_EQ(uint32_t{info.dataLength}, 0u) << "a failed set leaves the container empty";
+  EXPECT_EQ(walk(), "SAME KEEP ") << "no container was added";
+  for (const char *name : {"KEEP", "SAME"}) {
+    ContainerInfo info;
+    ASSERT_EQ(ECI_getContainerInfo(chan, name, &info), ECI_NO_ERROR);
+    EXPECT_EQ(uint32_t{info.dataLength}, 0u) << name << ": a failed set leaves the container empty";
+  }
 }
 
 TEST_F(ChannelTest, TraceOfASessionAtLevelFour) {
-  ASSERT_EQ(QVA_setAPITraceLevel(4), QVA_OK);
-  mark();
+  level(4);
   const char hi[] = "hi";
   ASSERT_EQ(ECI_createContainer(chan, "TEXT", ECI_CHAR, 0, hi, 2), ECI_NO_ERROR);
   Container *cont = findContainer(chan, "TEXT");
@@ -266,17 +250,16 @@ TEST_F(ChannelTest, TraceOfASessionAtLevelFour) {
   ASSERT_EQ(ECI_getContainerData(chan, "TEXT", buffer, 4, 2, nullptr), ECI_NO_ERROR);
   ASSERT_EQ(ECI_getNextContainer(chan, nullptr), ECI_ERR_NULLINFOPTR);
   const std::string chanText = ptrText(chan), contText = ptrText(cont), data = ptrText(cont->dataPtr);
-  const std::string buf = ptrText(buffer);
   ASSERT_EQ(ECI_deleteContainer(chan, "TEXT"), ECI_NO_ERROR);
   Lines lines = sinceMark();
   // The CCSID is asked for with a pointer into the stack.
   for (auto &line : lines) line = std::regex_replace(line, std::regex("ccsidPtr=0x[0-9a-f]+\\)"), "ccsidPtr=STACK)");
+  const std::string valid = "1400 ENTRY  clapi_channel.validateName(name=TEXT)",
+                    validated = "1404 EXIT   clapi_channel.validateName() rc=0 (ECI_NO_ERROR)";
   EXPECT_EQ(lines,
-            (Lines{"1345 ENTRY  API.ECI_createContainer(chanTok=" + chanText +
-                       ", name=TEXT, type=2, ccsid=0, data=" + ptrText(hi) + ", dataLength=2)",
-                   "1400 ENTRY  clapi_channel.validateName(name=TEXT)",
-                   "1404 EXIT   clapi_channel.validateName() rc=0 (ECI_NO_ERROR)",
-                   "1435 ENTRY  clapi_channel.getCurrentCcsid(ccsidPtr=STACK)",
+            (Lines{"1345 ENTRY  API.ECI_createContainer(chanTok=" + chanText + ", name=TEXT, type=2, ccsid=0, data=" +
+                       ptrText(hi) + ", dataLength=2)",
+                   valid, validated, "1435 ENTRY  clapi_channel.getCurrentCcsid(ccsidPtr=STACK)",
                    "1437 DEBUG  clapi_channel.getCurrentCcsid LANG environment variable not set, defaulting to CCSID 819",
                    "1441 EXIT   clapi_channel.getCurrentCcsid() rc=0, *ccsidPtr=819",
                    "1355 EVENT  API.ECI_createContainer Channel CCSID set to 819 from locale",
@@ -285,21 +268,104 @@ TEST_F(ChannelTest, TraceOfASessionAtLevelFour) {
                    "1353 EVENT  API.ECI_createContainer Created container \"TEXT\" (" + contText +
                        ") in channel \"CHAN\" (" + chanText + ")",
                    "1359 EXIT   API.ECI_createContainer() rc=0 (ECI_NO_ERROR)",
-                   "1380 ENTRY  API.ECI_getContainerData(chanTok=" + chanText + ", name=TEXT, buffer=" + buf +
-                       ", length=4, offset=2, bytesReadPtr=(nil))",
-                   "1400 ENTRY  clapi_channel.validateName(name=TEXT)",
-                   "1404 EXIT   clapi_channel.validateName() rc=0 (ECI_NO_ERROR)",
-                   "1386 DEBUG  API.ECI_getContainerData No data to copy",
+                   "1380 ENTRY  API.ECI_getContainerData(chanTok=" + chanText + ", name=TEXT, buffer=" +
+                       ptrText(buffer) + ", length=4, offset=2, bytesReadPtr=(nil))",
+                   valid, validated, "1386 DEBUG  API.ECI_getContainerData No data to copy",
                    "1389 EXIT   API.ECI_getContainerData() rc=0 (ECI_NO_ERROR)",
                    "1335 ENTRY  API.ECI_getNextContainer(chanTok=" + chanText + ", infoPtr=(nil))",
                    "1337 *EXC*  API.ECI_getNextContainer infoPtr is NULL",
                    "1344 EXIT   API.ECI_getNextContainer() rc=-55 (ECI_ERR_NULLINFOPTR)",
-                   "1360 ENTRY  API.ECI_deleteContainer(chanTok=" + chanText + ", name=TEXT)",
-                   "1400 ENTRY  clapi_channel.validateName(name=TEXT)",
-                   "1404 EXIT   clapi_channel.validateName() rc=0 (ECI_NO_ERROR)",
+                   "1360 ENTRY  API.ECI_deleteContainer(chanTok=" + chanText + ", name=TEXT)", valid, validated,
                    "1364 DEBUG  API.ECI_deleteContainer Freeing 2 bytes of container data (" + data + ")",
                    "1365 EVENT  API.ECI_deleteContainer Deleted container \"TEXT\" (" + contText + ")",
                    "1369 EXIT   API.ECI_deleteContainer() rc=0 (ECI_NO_ERROR)"}));
+}
+
+ECI_PARMS validBlock() {
+  ECI_PARMS parms;
+  std::memset(&parms, 0, sizeof parms);
+  parms.eci_call_type = ECI_SYNC;
+  std::memcpy(parms.eci_program_name, "PROG1   ", 8);
+  parms.eci_extend_mode = ECI_NO_EXTEND;
+  parms.eci_version = 3;
+  return parms;
+}
+
+using EciVerifyTest = TraceFileTest;
+
+TEST_F(EciVerifyTest, ValidBlockPassesAndTracesEntryAndExit) {
+  level(3);
+  ECI_PARMS parms = validBlock();
+  EXPECT_EQ(verifyEciParms(&parms, 3), ECI_NO_ERROR);
+  const std::string p = ptrText(&parms);
+  EXPECT_EQ(sinceMark(), (Lines{"3300 ENTRY  clapi_eci.verifyEciParms(&EciParms=" + p + ", minVersion=3)",
+                                "3307 EXIT   clapi_eci.verifyEciParms(&EciParms=" + p + ") rc=0"}));
+}
+
+// Fields changed from a valid block: the code and exception line of the first
+// check that fails, in the order call type, extend mode, data length, data
+// area, version, time-out.
+TEST_F(EciVerifyTest, EachCheckHasItsCodeAndLineAndTheFirstFailureWins) {
+  static char commarea[10];
+#define CHANGE(...) [](ECI_PARMS &p) { __VA_ARGS__; }
+  const struct {
+    void (*change)(ECI_PARMS &);
+    int minVersion, rc;
+    std::string exc;
+  } cases[] = {
+      {CHANGE(p.eci_commarea = commarea; p.eci_commarea_length = 10), 3, ECI_NO_ERROR, ""},
+      {CHANGE(p.eci_extend_mode = 1), 3, ECI_NO_ERROR, ""},
+      {CHANGE(p.eci_extend_mode = 2), 3, ECI_NO_ERROR, ""},
+      {CHANGE(p.eci_extend_mode = 4), 3, ECI_NO_ERROR, ""},
+      {CHANGE(p.eci_version = 4), 3, ECI_NO_ERROR, ""},
+      {CHANGE(p.eci_version = 2), 2, ECI_NO_ERROR, ""},
+      {CHANGE(p.eci_timeout = 32767), 3, ECI_NO_ERROR, ""},
+      {CHANGE(p.eci_call_type = 0), 3, ECI_ERR_INVALID_CALL_TYPE, "3301 Invalid Call Type - eci_call_type=0"},
+      {CHANGE(p.eci_call_type = 2; p.eci_extend_mode = 3; p.eci_commarea_length = -1), 3, ECI_ERR_INVALID_CALL_TYPE,
+       "3301 Invalid Call Type - eci_call_type=2"},
+      {CHANGE(p.eci_extend_mode = -1), 3, ECI_ERR_INVALID_EXTEND_MODE, "3302 Invalid Extend Mode - eci_extend_mode=-1"},
+      {CHANGE(p.eci_extend_mode = 3; p.eci_commarea_length = -1), 3, ECI_ERR_INVALID_EXTEND_MODE,
+       "3302 Invalid Extend Mode - eci_extend_mode=3"},
+      {CHANGE(p.eci_extend_mode = 5), 3, ECI_ERR_INVALID_EXTEND_MODE, "3302 Invalid Extend Mode - eci_extend_mode=5"},
+      {CHANGE(p.eci_extend_mode = -32768), 3, ECI_ERR_INVALID_EXTEND_MODE,
+       "3302 Invalid Extend Mode - eci_extend_mode=-32768"},
+      {CHANGE(p.eci_extend_mode = 0x7FFF), 3, ECI_ERR_INVALID_EXTEND_MODE,
+       "3302 Invalid Extend Mode - eci_extend_mode=32767"},
+      // A negative length is reported before the pointer is looked at.
+      {CHANGE(p.eci_commarea_length = -7), 3, ECI_ERR_INVALID_DATA_LENGTH,
+       "3303 Invalid Data Length - eci_commarea_length=-7"},
+      {CHANGE(p.eci_commarea_length = -5; p.eci_version = 9), 3, ECI_ERR_INVALID_DATA_LENGTH,
+       "3303 Invalid Data Length - eci_commarea_length=-5"},
+      {CHANGE(p.eci_commarea = commarea; p.eci_commarea_length = -5; p.eci_version = 9), 3,
+       ECI_ERR_INVALID_DATA_LENGTH, "3303 Invalid Data Length - eci_commarea_length=-5"},
+      {CHANGE(p.eci_commarea_length = 12), 3, ECI_ERR_INVALID_DATA_AREA,
+       "3304 Invalid Data Area - Commarea null but eci_commarea_length=12 "},
+      {CHANGE(p.eci_commarea_length = 4; p.eci_version = 9; p.eci_timeout = -1), 3, ECI_ERR_INVALID_DATA_AREA,
+       "3304 Invalid Data Area - Commarea null but eci_commarea_length=4 "},
+      {CHANGE(p.eci_commarea = commarea), 3, ECI_ERR_INVALID_DATA_AREA,
+       "3304 Invalid Data Area - Commarea not null but eci_commarea_length=0"},
+      {CHANGE(p.eci_version = 2; p.eci_timeout = -1), 3, ECI_ERR_INVALID_VERSION,
+       "3305 Invalid ECI Version - eci_version=2"},
+      {CHANGE(p.eci_version = 5), 3, ECI_ERR_INVALID_VERSION, "3305 Invalid ECI Version - eci_version=5"},
+      {CHANGE(p.eci_version = 5), 1, ECI_ERR_INVALID_VERSION, "3305 Invalid ECI Version - eci_version=5"},
+      {CHANGE(p.eci_version = 1), 2, ECI_ERR_INVALID_VERSION, "3305 Invalid ECI Version - eci_version=1"},
+      {CHANGE(p.eci_version = -1), 1, ECI_ERR_INVALID_VERSION, "3305 Invalid ECI Version - eci_version=-1"},
+      {CHANGE(p.eci_timeout = -1), 3, ECI_ERR_REQUEST_TIMEOUT, "3306 Invalid Timeout - eci_timeout=-1"},
+      {CHANGE(p.eci_timeout = -2), 3, ECI_ERR_REQUEST_TIMEOUT, "3306 Invalid Timeout - eci_timeout=-2"},
+  };
+#undef CHANGE
+  level(1);
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    ECI_PARMS parms = validBlock();
+    cases[i].change(parms);
+    mark();
+    EXPECT_EQ(verifyEciParms(&parms, cases[i].minVersion), cases[i].rc) << "case " << i;
+    const std::string &exc = cases[i].exc;
+    EXPECT_EQ(sinceMark(), exc.empty() ? Lines{}
+                                       : Lines{exc.substr(0, 4) + " *EXC*  clapi_eci.verifyEciParms(&EciParms=" +
+                                               ptrText(&parms) + ") " + exc.substr(5)})
+        << "case " << i;
+  }
 }
 
 }  // namespace

@@ -1,13 +1,16 @@
-// Result codes and their names, and the version queries. The public header's
-// constants are read from its text, so that every #define is checked against
-// the agreed values and against the names the library returns.
+// Result codes and their names, and the exported symbols. The public headers
+// are read as text: every result-code #define is checked against the agreed
+// values and the names the library returns, and every QVA_API name against
+// the shared library's dynamic symbol table.
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <map>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <string>
 
@@ -56,12 +59,16 @@ const std::map<std::string, long> &agreedCodes() {
   return codes;
 }
 
-// Every result-code #define of the public header, with its value.
-std::map<std::string, long> headerCodes() {
-  std::ifstream in(QVA_CODES_HEADER);
+std::string textOf(const char *path) {
+  std::ifstream in(path);
   std::stringstream text;
   text << in.rdbuf();
-  const std::string content = text.str();
+  return text.str();
+}
+
+// Every result-code #define of the public header, with its value.
+std::map<std::string, long> headerCodes() {
+  const std::string content = textOf(QVA_CODES_HEADER);
   static const std::regex define(
       R"(#define[ \t]+((?:QVA|ECI)_(?:OK|NO_ERROR|ERR_[A-Z_]+))[ \t]+\(?[ \t]*(-?(?:0x[0-9A-Fa-f]+|[0-9]+))[ \t]*\)?)");
   std::map<std::string, long> codes;
@@ -71,27 +78,20 @@ std::map<std::string, long> headerCodes() {
   return codes;
 }
 
-TEST(ResultCodes, HeaderConstantsHaveTheAgreedValues) {
+TEST(ResultCodes, HeaderConstantsHaveTheAgreedValuesAndTheLibrarysNames) {
   EXPECT_EQ(headerCodes(), agreedCodes());
-}
-
-TEST(ResultCodes, EveryQvaConstantIsNamedByRcString) {
-  for (const auto &[name, value] : headerCodes()) {
-    if (name.rfind("QVA_", 0) == 0) {
-      EXPECT_EQ(rcString(static_cast<int>(value)), name) << value;
-    }
-  }
-}
-
-TEST(ResultCodes, EveryEciConstantIsNamedByTheEciTableWhereItLies) {
   std::map<long, std::string> qvaByValue;
   for (const auto &[name, value] : headerCodes()) {
-    if (name.rfind("QVA_", 0) == 0) qvaByValue[value] = name;
+    if (name.rfind("QVA_", 0) != 0) continue;
+    qvaByValue[value] = name;
+    EXPECT_EQ(rcString(static_cast<int>(value)), name) << value;
+    EXPECT_LE(name.size() + 1, static_cast<size_t>(QVA_RC_STRING_SIZE)) << name;
   }
   int named = 0;
   for (const auto &[name, value] : headerCodes()) {
     if (name.rfind("ECI_", 0) != 0) continue;
     const int rc = static_cast<int>(value);
+    EXPECT_LE(name.size() + 1, 29u) << name;  // the smallest buffer
     if (rc >= -60 && rc <= -1) {
       EXPECT_EQ(rcStringEci(rc), name) << rc;
       ++named;
@@ -106,23 +106,12 @@ TEST(ResultCodes, EveryEciConstantIsNamedByTheEciTableWhereItLies) {
   EXPECT_EQ(named, 29);
 }
 
-TEST(ResultCodes, EciNamesFitTheSmallestBuffer) {
-  for (const auto &[name, value] : headerCodes()) {
-    if (name.rfind("ECI_", 0) == 0) {
-      EXPECT_LE(name.size() + 1, 29u) << name;
-    }
-    EXPECT_LE(name.size() + 1, static_cast<size_t>(QVA_RC_STRING_SIZE)) << name;
-  }
-}
-
-TEST(ResultCodes, GapsOfTheQvaTableFallThroughToUnknown) {
+TEST(ResultCodes, GapsOfTheTablesFallThroughToUnknown) {
   for (int rc : {-105, -106, -110, -112, -119, -120, -122, -131, -135, -136, -139, -10, -57, -61, 1, 61443, 61447,
                  0xF000, 0xF00F, -61445, 0x7FFFFFFF, static_cast<int>(0x80000000u)}) {
     EXPECT_EQ(rcString(rc), "UNKNOWN") << rc;
   }
-}
-
-TEST(ResultCodes, EciNamesCoverOnlyMinusSixtyToMinusOne) {
+  // The ECI table covers only -60 to -1.
   std::map<long, std::string> eciByValue;
   for (const auto &[name, value] : agreedCodes()) {
     if (name.rfind("ECI_", 0) == 0 && value >= -60 && value <= -1) eciByValue[value] = name;
@@ -134,18 +123,37 @@ TEST(ResultCodes, EciNamesCoverOnlyMinusSixtyToMinusOne) {
   EXPECT_EQ(rcStringEci(61445), "UNKNOWN");
 }
 
-TEST(Versions, TextsBelongToTheLibraryAndStayPut) {
-  const char *dll = nullptr;
-  const char *api = nullptr;
-  ASSERT_EQ(QVA_getDLLVersion(&dll), QVA_OK);
-  ASSERT_EQ(QVA_getAPIVersion(&api), QVA_OK);
-  ASSERT_NE(dll, nullptr);
-  ASSERT_NE(api, nullptr);
-  EXPECT_STREQ(dll, "8.0.0.1");
-  EXPECT_STREQ(api, "2.1.0.0");
-  const char *again = nullptr;
-  ASSERT_EQ(QVA_getDLLVersion(&again), QVA_OK);
-  EXPECT_EQ(again, dll);
+// The shared library exports exactly the interface: the QVA_, ECI_ and clapi
+// names and the code-page pair, plain C names only, and every QVA_API name of
+// the public headers.
+TEST(Exports, ExactlyTheInterfaceIsExported) {
+  std::set<std::string> symbols, declared;
+  const std::string command = std::string("nm -D --defined-only '") + QVA_SHARED_LIBRARY + "'";
+  FILE *pipe = popen(command.c_str(), "r");
+  ASSERT_NE(pipe, nullptr);
+  char line[1024];
+  while (std::fgets(line, sizeof line, pipe) != nullptr) {
+    std::istringstream fields(line);
+    std::string address, type, name;
+    if (fields >> address >> type >> name) symbols.insert(name);
+  }
+  EXPECT_EQ(pclose(pipe), 0) << command;
+  ASSERT_FALSE(symbols.empty());
+  for (const std::string &name : symbols) {
+    EXPECT_TRUE(name.rfind("QVA_", 0) == 0 || name.rfind("ECI_", 0) == 0 || name.rfind("clapi", 0) == 0 ||
+                name == "getCurrentCcsid" || name == "CodeSetTable")
+        << "unexpected export " << name;
+  }
+  static const std::regex declaration(R"(QVA_API\s+[A-Za-z_][A-Za-z_0-9 ]*?[\s*]([A-Za-z_][A-Za-z_0-9]+)\s*[(\[])");
+  for (const char *header : {QVA_API_HEADER, QVA_CHANNEL_HEADER}) {
+    const std::string content = textOf(header);
+    for (auto it = std::sregex_iterator(content.begin(), content.end(), declaration); it != std::sregex_iterator(); ++it)
+      declared.insert((*it)[1]);
+  }
+  // Guards the header parse itself: 17 QVA_ functions, 11 ECI_ functions,
+  // getCurrentCcsid and CodeSetTable.
+  ASSERT_EQ(declared.size(), 30u);
+  for (const std::string &name : declared) EXPECT_EQ(symbols.count(name), 1u) << name << " is not exported";
 }
 
 }  // namespace

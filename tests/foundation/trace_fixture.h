@@ -1,5 +1,5 @@
-// A GoogleTest fixture that sends the trace to a fresh file for each test and
-// puts the process-wide trace settings back afterwards.
+// A fixture that sends the trace to a fresh file for each test and puts the
+// process-wide trace settings back afterwards.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,6 +15,8 @@
 
 namespace qvatest {
 
+using Lines = std::vector<std::string>;
+
 // The thread id as the trace shows it: its low 32 bits.
 inline uint32_t selfTid() { return static_cast<uint32_t>(pthread_self()); }
 
@@ -28,31 +30,28 @@ class TraceFileTest : public ::testing::Test {
     // At level 0 the switch writes nothing, so each file starts empty.
     ASSERT_EQ(QVA_setAPITraceFile(path_.c_str()), QVA_OK);
   }
-
   void TearDown() override {
     QVA_setAPITraceLevel(0);
     QVA_setAPITraceFile(nullptr);
     QVA_setAPITraceDataOffset(0);
     QVA_setAPITraceDataLength(128);
   }
-
   static ScratchDir &scratch() {
     static ScratchDir dir;
     return dir;
   }
-
   const std::string &path() const { return path_; }
-
-  // Every line of the file, normalised.
-  std::vector<std::string> all() const { return normalise(readLines(path_)); }
-  std::vector<std::string> all(const std::string &file) const { return normalise(readLines(file)); }
-
-  // Lines written since mark() was last called.
+  Lines all(const std::string &file) const { return normalise(readLines(file)); }
+  Lines all() const { return all(path_); }
+  // Sets the level, then marks: sinceMark() returns the lines written after.
+  void level(int level) {
+    ASSERT_EQ(QVA_setAPITraceLevel(level), QVA_OK);
+    mark();
+  }
   void mark() { mark_ = readLines(path_).size(); }
-  std::vector<std::string> sinceMark() const {
-    std::vector<std::string> lines = all();
-    if (mark_ >= lines.size()) return {};
-    return std::vector<std::string>(lines.begin() + static_cast<std::ptrdiff_t>(mark_), lines.end());
+  Lines sinceMark() const {
+    Lines lines = all();
+    return mark_ >= lines.size() ? Lines{} : Lines(lines.begin() + static_cast<std::ptrdiff_t>(mark_), lines.end());
   }
 
  private:

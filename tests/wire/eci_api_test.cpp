@@ -165,6 +165,45 @@ TEST_F(EciApiTest, LuwTokenAndAbendCodeAreCopiedBackAndTheReplyRcReturned) {
   EXPECT_TRUE(guardIntact());
 }
 
+// An exception flow fails the call and leaves every output field as it was.
+TEST_F(EciApiTest, AnExceptionReplyTouchesNoOutputAndTheConnectionGoesOn) {
+  std::memcpy(parms.eci_abend_code, "zzzz", 4);
+  Bytes list(70, kStale);
+  unsigned short systems = 1;
+  gateway->expect(227).send(message(6, "ECI", pattern(20))).expect(32 + 19).send(message(6, "ECI", pattern(20)));
+  EXPECT_EQ(QVA_ECI_Execute(token, &parms), QVA_ERR_GATEWAY_EXCEPTION);
+  EXPECT_EQ(QVA_listSystems(token, &systems, reinterpret_cast<QVA_SYSTEM_ENTRY *>(list.data())), QVA_ERR_GATEWAY_EXCEPTION);
+  EXPECT_EQ(std::string(parms.eci_abend_code, 4), "zzzz");
+  EXPECT_EQ(parms.eci_luw_token, 0x01020304);
+  EXPECT_EQ(commarea(), fill(100, kStale));
+  EXPECT_EQ(systems, 1);
+  EXPECT_EQ(list, Bytes(70, kStale));
+  expectNextCallWorks();
+}
+
+// A handshake answered badly fails the open; the socket is shut without a close request.
+TEST_F(EciApiTest, ABadHandshakeReplyFailsTheOpenWithoutACloseRequest) {
+  for (const bool malformed : {true, false}) {
+    Listener other;
+    auto peer = FakeGateway::accepting(other.fd);
+    peer->expect(55);
+    if (malformed) peer->send(message(5, "BASEX", {}));
+    else peer->hangUp();
+    QvaGatewayToken *failed = nullptr;
+    TraceCapture trace(1);
+    EXPECT_EQ(QVA_openRemoteGatewayConnection("127.0.0.1", other.port, &failed, 5), QVA_ERR_CONNECTFAILED);
+    const std::string text = trace.text();
+    EXPECT_EQ(failed, nullptr);
+    ASSERT_TRUE(peer->drain()) << peer->errors();
+    EXPECT_EQ(peer->request(0), handshakeRequest());
+    EXPECT_TRUE(peer->unread().empty());
+    EXPECT_EQ(countLines(text, 2142, "*EXC*", R"(clapi_qva_gwytok\.openClientSocket\(\) Failed to connect to Gateway 127\.0\.0\.1:)" +
+                                            std::to_string(other.port)), 1) << text;
+    EXPECT_EQ(countLines(text, 2014, "*EXC*", R"(clapi_gwycon\.clapiConnectToGatewayHandshake flows failed rc=-9 errno=Success gwyRc=0 authRc=0)"),
+              malformed ? 1 : 0) << text;
+  }
+}
+
 // ---- Server list ---------------------------------------------------------------------------
 
 TEST_F(EciApiTest, ListSystemsSendsA19ByteBodyAndTrimsTheNames) {
@@ -250,6 +289,9 @@ TEST_F(EciApiTest, PasswordNeverReachesTheTraceAtLevel5) {
       EXPECT_EQ(slice(d.bytes, offsetof(ECI_PARMS, eci_userid), 16), ascii("USER0001        ")) << "only the password is hidden";
     } else if (d.message.rfind("clapi_socketbuffer.flushBuffer data=", 0) == 0) {
       ++requestDumps;
+      EXPECT_EQ(d.point, 1526);
+      EXPECT_TRUE(std::regex_match(d.message, std::regex(R"(clapi_socketbuffer\.flushBuffer data=0x[0-9a-f]+ len=227 stopword=00000000)")))
+          << d.message;
       ASSERT_EQ(d.bytes.size(), 227u);
       EXPECT_EQ(slice(d.bytes, 32 + 45, 16), fill(16, '*'));
       EXPECT_EQ(slice(d.bytes, 32 + 29, 16), ascii("USER0001        "));

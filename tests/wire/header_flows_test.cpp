@@ -29,7 +29,6 @@ TEST_F(HeaderFlowsTest, HandshakeSendsExactly55BytesAndAcceptsAnEmptyReply) {
   EXPECT_EQ(gateway->request(0),
             hex("47 61 74 65 10 80 00 00 00 00 00 05 00 00 00 00 00 00 00 00 00 00 00 04 42 41 53 45 00 00 00 00 16"
                 "00 02 65 6E 00 02 47 42 00 00 00 00 00 00 00 00 00 00 00 00 00 00"));
-  EXPECT_EQ(gateway->request(0), handshakeRequest());
   EXPECT_TRUE(gateway->unread().empty()) << "no byte beyond the 55";
   EXPECT_EQ(pendingBytes(pair.client), 0);
 }
@@ -41,7 +40,6 @@ TEST_F(HeaderFlowsTest, CloseSendsExactly33BytesWithQualifierMinusOne) {
   EXPECT_EQ(reasons, 0);
   ASSERT_TRUE(gateway->drain()) << gateway->errors();
   EXPECT_EQ(gateway->request(0), hex("47617465 10800000 0000000A 00000000 FFFFFFFF 00000004 42415345 00 00000000"));
-  EXPECT_EQ(gateway->request(0), closeRequest());
   EXPECT_TRUE(gateway->unread().empty());
 }
 

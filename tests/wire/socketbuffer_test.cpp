@@ -191,28 +191,6 @@ TEST_F(SocketBufferTest, ABlockLargerThanTheBufferIsSentStraightFromTheCallersMe
   EXPECT_EQ(countLines(text, 1564, "DEBUG", R"(clapi_socketbuffer\.writeBytes Sent 1025 bytes, 0 bytes remaining)"), 1);
 }
 
-TEST_F(SocketBufferTest, MaskedPasswordIsStarredInTheFlushDumpAndSentAsItIs) {
-  const std::string password = "S3cr3tPassw0rd!!";
-  TraceCapture trace(4);
-  ASSERT_EQ(initWriteBuffer(&sb, pair.client, 25), QVA_OK);
-  writeInt(&sb, 0x11223344);
-  writeBytesMasked(&sb, password.data(), 16);
-  writeInt(&sb, 0x55667788);
-  writeByte(&sb, 0x99);
-  ASSERT_EQ(flushBuffer(&sb), QVA_OK);
-  const std::string text = trace.text();
-
-  EXPECT_EQ(text.find("S3cr3t"), std::string::npos);
-  const auto all = dumps(text);
-  ASSERT_EQ(all.size(), 1u) << text;
-  EXPECT_EQ(all[0].point, 1526);
-  EXPECT_TRUE(std::regex_match(all[0].message,
-                               std::regex(R"(clapi_socketbuffer\.flushBuffer data=0x[0-9a-f]+ len=25 stopword=00000000)")))
-      << all[0].message;
-  EXPECT_EQ(all[0].bytes, cat({hex("11223344"), fill(16, '*'), hex("55667788 99")}));
-  EXPECT_EQ(recvExactly(pair.peer, 25), cat({hex("11223344"), ascii(password), hex("55667788 99")}));
-}
-
 TEST_F(SocketBufferTest, SendFailureLatchesTheErrnoAndStopsLaterWrites) {
   pair.closePeer();
   ASSERT_EQ(initWriteBuffer(&sb, pair.client, 8), QVA_OK);

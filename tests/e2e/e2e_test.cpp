@@ -1,0 +1,697 @@
+// The C interface against the Gateway emulator in this process, for what only
+// a real conversation shows; the wire tests pin the bytes. Library state is
+// process-wide: every test puts it back.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <set>
+#include <string_view>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "qvaclient/qvaclient.h"
+#include "qvaemu/gateway.h"
+#include "qvatest/bytes.h"
+#include "qvatest/net.h"
+#include "qvatest/trace.h"
+
+using namespace qvatest;
+
+namespace {
+
+constexpr const char* kLoopback = "127.0.0.1";
+
+// A blank-padded character field without terminator.
+template <size_t N>
+void setField(char (&field)[N], std::string_view text) {
+  std::memset(field, ' ', N);
+  std::memcpy(field, text.data(), std::min(N, text.size()));
+}
+
+ECI_PARMS eciParms(std::string_view program, void* commarea, short length) {
+  ECI_PARMS p;
+  std::memset(&p, 0, sizeof p);
+  p.eci_call_type = ECI_SYNC;
+  setField(p.eci_program_name, program);
+  setField(p.eci_userid, "");
+  setField(p.eci_password, "");
+  setField(p.eci_system_name, "QVADEMO");
+  p.eci_commarea = commarea;
+  p.eci_commarea_length = length;
+  p.eci_version = ECI_VERSION_4;
+  return p;
+}
+
+// A COMMAREA with guard bytes behind it, to see that nothing is written past its length.
+class GuardedArea {
+ public:
+  explicit GuardedArea(size_t length) : length_(length), bytes_(length, 0) { bytes_.resize(length + 64, 0xA5); }
+  void set(std::string_view text) {
+    for (size_t i = 0; i < length_; ++i) bytes_[i] = i < text.size() ? static_cast<uint8_t>(text[i]) : 0;
+  }
+  void* data() { return bytes_.data(); }
+  short length() const { return static_cast<short>(length_); }
+  std::string text(size_t n) const { return std::string(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(n)); }
+  std::string text() const { return text(length_); }
+  bool guardIntact() const {
+    return std::all_of(bytes_.begin() + static_cast<std::ptrdiff_t>(length_), bytes_.end(), [](uint8_t b) { return b == 0xA5; });
+  }
+
+ private:
+  size_t length_;
+  Bytes bytes_;
+};
+
+bool hasLine(const std::vector<TraceLine>& lines, int point, const std::string& word, const std::string& message) {
+  return std::any_of(lines.begin(), lines.end(),
+                     [&](const TraceLine& l) { return l.point == point && l.word == word && l.message == message; });
+}
+
+// The token-list dump of QVA_dumpState, which is written at every level.
+std::string dumpState() {
+  TraceCapture trace(0);
+  EXPECT_EQ(QVA_dumpState(), QVA_OK);
+  return trace.text();
+}
+
+bool tokenListEmpty() { return dumpState().find("The Gateway Token List is EMPTY\n") != std::string::npos; }
+
+class E2eTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string error;
+    ASSERT_TRUE(gw_.start(&error)) << error;
+  }
+  void TearDown() override {
+    EXPECT_EQ(ECI_deleteAllChannels(), ECI_NO_ERROR);
+    EXPECT_TRUE(tokenListEmpty()) << "a test left a connection open";
+    // Whatever a failed test left behind must not reach the next one.
+    while (!tokenListEmpty() && QVA_closeAllGatewayConnections() != QVA_OK) {
+    }
+  }
+  int open(QvaGatewayToken** tok, int timeout = 5) {
+    return QVA_openRemoteGatewayConnection(kLoopback, gw_.port(), tok, timeout);
+  }
+
+  qvaemu::Gateway gw_;
+};
+
+// With a connection of the test's own open throughout.
+class Connected : public E2eTest {
+ protected:
+  void SetUp() override {
+    E2eTest::SetUp();
+    ASSERT_EQ(open(&tok_), QVA_OK);
+  }
+  void TearDown() override {
+    if (tok_ != nullptr) { EXPECT_EQ(QVA_closeGatewayConnection(&tok_), QVA_OK); }
+    E2eTest::TearDown();
+  }
+  int execute(ECI_PARMS& parms) { return QVA_ECI_Execute(tok_, &parms); }
+
+  // TEXT (CHAR, "hello") added first, RAW (BIT, 00 01 02) second.
+  static QvaChannel* sampleChannel() {
+    QvaChannel* ch = nullptr;
+    EXPECT_EQ(ECI_createChannel("SAMPLE", &ch), ECI_NO_ERROR);
+    EXPECT_EQ(ECI_createContainer(ch, "TEXT", ECI_CHAR, 37, "hello", 5), ECI_NO_ERROR);
+    EXPECT_EQ(ECI_createContainer(ch, "RAW", ECI_BIT, 0, "\x00\x01\x02", 3), ECI_NO_ERROR);
+    return ch;
+  }
+  static int call(QvaGatewayToken* tok, QvaChannel* ch, const char* program) {
+    ECI_PARMS parms = eciParms(program, nullptr, 0);
+    parms.eci_channel = ch;
+    return QVA_ECI_Execute_Channel(tok, &parms);
+  }
+  // "NAME:type:ccsid:data" for each container in walk order; data bytes
+  // below 0x20 shown as their number.
+  static std::string contents(QvaChannel* ch) {
+    std::string out;
+    ContainerInfo info;
+    int rc = ECI_getFirstContainer(ch, &info);
+    for (; rc == ECI_NO_ERROR; rc = ECI_getNextContainer(ch, &info)) {
+      std::string data(info.dataLength, '\0');
+      uint32_t got = 0;
+      EXPECT_EQ(ECI_getContainerData(ch, info.name, data.data(), info.dataLength, 0, &got), ECI_NO_ERROR);
+      out += std::string(info.name) + ":" + std::to_string(uint32_t{info.type}) + ":" + std::to_string(uint32_t{info.ccsid}) + ":";
+      for (char c : data) out += static_cast<unsigned char>(c) < 0x20 ? std::to_string(c) : std::string(1, c);
+      out += " ";
+    }
+    EXPECT_EQ(rc, ECI_ERR_ENDOFCONTAINERS);
+    return out;
+  }
+
+  QvaGatewayToken* tok_ = nullptr;
+};
+
+// ---- Opening and closing ------------------------------------------------------------
+
+// The port is checked first, then the token pointer, the time-out and the
+// host; failures show only in the exit line.
+TEST_F(E2eTest, OpenChecksItsArgumentsInOrderAndTracesOnlyTheExit) {
+  struct Case {
+    const char* host;
+    int port;
+    bool tokenPointer;
+    int timeout;
+    int rc;
+  };
+  for (const Case& c : {
+           Case{kLoopback, 0, true, 5, QVA_ERR_BADPORT}, Case{kLoopback, 65536, true, 5, QVA_ERR_BADPORT},
+           Case{kLoopback, -1, true, 5, QVA_ERR_BADPORT}, Case{kLoopback, 0, false, 5, QVA_ERR_BADPORT},
+           Case{nullptr, 65536, true, 5, QVA_ERR_BADPORT}, Case{nullptr, 0, true, 5, QVA_ERR_BADPORT},
+           Case{kLoopback, 1, false, 5, QVA_ERR_NULLGWTOKPTR}, Case{kLoopback, 65535, false, 5, QVA_ERR_NULLGWTOKPTR},
+           Case{kLoopback, 1, true, 3601, QVA_ERR_INVALIDTIMEOUTPARM},
+           Case{kLoopback, 65535, true, 3601, QVA_ERR_INVALIDTIMEOUTPARM},
+           Case{kLoopback, 7, true, -1, QVA_ERR_INVALIDTIMEOUTPARM}, Case{nullptr, 7, true, 3601, QVA_ERR_INVALIDTIMEOUTPARM},
+           Case{nullptr, 7, true, 3600, QVA_ERR_NULLADDRESS}, Case{nullptr, 7, true, 5, QVA_ERR_NULLADDRESS},
+       }) {
+    QvaGatewayToken* tok = nullptr;
+    EXPECT_EQ(QVA_openRemoteGatewayConnection(c.host, c.port, c.tokenPointer ? &tok : nullptr, c.timeout), c.rc)
+        << (c.host ? c.host : "NULL") << ":" << c.port << " timeout " << c.timeout;
+    EXPECT_EQ(tok, nullptr);
+  }
+  EXPECT_EQ(gw_.connectionCount(), 0u);
+  QvaGatewayToken* tok = nullptr;
+  ASSERT_EQ(open(&tok, 3600), QVA_OK) << "3600 itself passes";
+  EXPECT_EQ(QVA_closeGatewayConnection(&tok), QVA_OK);
+
+  TraceCapture trace(3);
+  EXPECT_EQ(QVA_openRemoteGatewayConnection(kLoopback, 0, &tok, 5), QVA_ERR_BADPORT);
+  EXPECT_EQ(QVA_openRemoteGatewayConnection(kLoopback, 7, &tok, -1), QVA_ERR_INVALIDTIMEOUTPARM);
+  EXPECT_EQ(QVA_openRemoteGatewayConnection(nullptr, 7, &tok, 5), QVA_ERR_NULLADDRESS);
+  std::vector<std::string> entries, exits;
+  for (const auto& l : traceLines(trace.text())) {
+    EXPECT_TRUE(l.word == "ENTRY" || l.word == "EXIT") << l.word << " " << l.message;
+    if (l.point == 1002 || l.point == 1003) (l.point == 1002 ? entries : exits).push_back(l.message);
+  }
+  ASSERT_EQ(entries.size(), 3u);
+  const std::string entry = R"(API\.QVA_openRemoteGatewayConnection\(hostname=)";
+  EXPECT_TRUE(std::regex_match(entries[0], std::regex(entry + R"(127\.0\.0\.1, port=0, &gwTokPtr=0x0x[0-9a-f]+, connTimeout=5 )")))
+      << entries[0];
+  EXPECT_TRUE(std::regex_match(entries[2], std::regex(entry + R"(NULL, port=7, &gwTokPtr=0x0x[0-9a-f]+, connTimeout=5 )")))
+      << entries[2];
+  EXPECT_EQ(exits, (std::vector<std::string>{"API.QVA_openRemoteGatewayConnection(port=0) rc=-107 QVA_ERR_BADPORT ",
+                                             "API.QVA_openRemoteGatewayConnection(port=7) rc=-138 QVA_ERR_INVALIDTIMEOUTPARM ",
+                                             "API.QVA_openRemoteGatewayConnection(port=7) rc=-133 QVA_ERR_NULLADDRESS "}));
+}
+
+TEST_F(E2eTest, UnresolvableHostIsBadHostAndRefusedConnectIsConnectFailed) {
+  QvaGatewayToken* tok = nullptr;
+  TraceCapture trace(1);
+  EXPECT_EQ(QVA_openRemoteGatewayConnection("no-such-host.invalid", gw_.port(), &tok, 5), QVA_ERR_BADHOST);
+  const auto lines = traceLines(trace.text());
+  const std::string prefix =
+      "clapi_gwycon.getHostInfoUnable to resolve host (no-such-host.invalid:" + std::to_string(gw_.port()) + "): ";
+  EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [&](const TraceLine& l) {
+    return l.point == 2001 && l.word == "*EXC*" && l.message.rfind(prefix, 0) == 0;
+  }));
+  const int port = unusedPort();
+  ASSERT_GT(port, 0);
+  EXPECT_EQ(QVA_openRemoteGatewayConnection(kLoopback, port, &tok, 0), QVA_ERR_CONNECTFAILED);
+  EXPECT_EQ(QVA_openRemoteGatewayConnection(kLoopback, port, &tok, 5), QVA_ERR_CONNECTFAILED);
+  EXPECT_EQ(tok, nullptr);
+}
+
+TEST_F(E2eTest, CloseClearsThePointerTracesItAndRefusesNullAndStaleTokens) {
+  {
+    TraceCapture trace(1);
+    EXPECT_EQ(QVA_closeGatewayConnection(nullptr), QVA_ERR_NULLGWTOKPTR);
+    QvaGatewayToken* none = nullptr;
+    EXPECT_EQ(QVA_closeGatewayConnection(&none), QVA_ERR_NULLGWTOK);
+    const auto lines = traceLines(trace.text());
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_TRUE(hasLine(lines, 1005, "*EXC*", "API.QVA_closeGatewayConnection(&gwTokPtr=(nil)) Null gateway token Pointer"));
+    EXPECT_TRUE(hasLine(lines, 1045, "*EXC*", "API.QVA_closeGatewayConnection(gwTokPtr=(nil)) Null gateway token"));
+  }
+  QvaGatewayToken* tok = nullptr;
+  QvaGatewayToken* keep = nullptr;
+  ASSERT_EQ(open(&tok), QVA_OK);
+  ASSERT_NE(tok, nullptr);
+  ASSERT_EQ(open(&keep), QVA_OK);  // the list is not empty when the stale value comes back
+  QvaGatewayToken* stale = tok;
+  TraceCapture trace(3);
+  EXPECT_EQ(QVA_closeGatewayConnection(&tok), QVA_OK);
+  const auto lines = traceLines(trace.text());
+  const std::string address = ptrText(&tok);
+  EXPECT_TRUE(hasLine(lines, 1004, "ENTRY", "API.QVA_closeGatewayConnection(&gwTokPtr=" + address + ")"));
+  EXPECT_TRUE(hasLine(lines, 1133, "EVENT", "API.QVA_closeGatewayConnection Closed Gateway connection for token " + address));
+  EXPECT_TRUE(hasLine(lines, 1006, "EXIT", "API.QVA_closeGatewayConnection(&gwTokPtrPtr=" + address + ") rc=0 QVA_OK "));
+  EXPECT_EQ(tok, nullptr);
+  char data[4] = "abc";
+  ECI_PARMS parms = eciParms("ECHO", data, sizeof data);
+  EXPECT_EQ(QVA_ECI_Execute(stale, &parms), QVA_ERR_BADGWTOK);
+  EXPECT_EQ(QVA_closeGatewayConnection(&stale), QVA_ERR_BADGWTOK);
+  EXPECT_EQ(QVA_closeGatewayConnection(&keep), QVA_OK);
+  EXPECT_EQ(keep, nullptr);
+}
+
+TEST_F(E2eTest, ATokenTheLibraryDidNotIssueIsRefusedUntouched) {
+  // Looks like a token from the outside, but was never on the list.
+  struct {
+    char eyecatcher[8];
+    int32_t words[16];
+  } fake;
+  std::memcpy(fake.eyecatcher, "QVAGWTOK", 8);
+  std::fill(std::begin(fake.words), std::end(fake.words), -1);
+  auto* forged = reinterpret_cast<QvaGatewayToken*>(&fake);
+  // Once with an empty list and once with a real token on it.
+  for (int round = 0; round < 2; ++round) {
+    QvaGatewayToken* real = nullptr;
+    if (round == 1) { ASSERT_EQ(open(&real), QVA_OK); }
+    QvaGatewayToken* tok = forged;
+    char data[8] = "abc";
+    ECI_PARMS parms = eciParms("ECHO", data, sizeof data);
+    unsigned short count = 2;
+    QVA_SYSTEM_ENTRY list[2];
+    EXPECT_EQ(QVA_ECI_Execute(tok, &parms), QVA_ERR_BADGWTOK);
+    EXPECT_EQ(QVA_listSystems(tok, &count, list), QVA_ERR_BADGWTOK);
+    EXPECT_EQ(QVA_closeGatewayConnection(&tok), QVA_ERR_BADGWTOK);
+    EXPECT_EQ(tok, forged);
+    EXPECT_EQ(std::memcmp(fake.eyecatcher, "QVAGWTOK", 8), 0);
+    if (real != nullptr) { EXPECT_EQ(QVA_closeGatewayConnection(&real), QVA_OK); }
+  }
+}
+
+// ---- Ownership -------------------------------------------------------------------
+
+TEST_F(Connected, ATokenBelongsToTheThreadThatOpenedIt) {
+  int executeRc = 0, listRc = 0, closeRc = 0;
+  QvaGatewayToken* seenByOther = nullptr;
+  std::thread other([&] {
+    char data[8] = "other";
+    ECI_PARMS parms = eciParms("ECHO", data, sizeof data);
+    executeRc = QVA_ECI_Execute(tok_, &parms);
+    unsigned short count = 2;
+    QVA_SYSTEM_ENTRY list[2];
+    listRc = QVA_listSystems(tok_, &count, list);
+    QvaGatewayToken* copy = tok_;
+    closeRc = QVA_closeGatewayConnection(&copy);
+    seenByOther = copy;
+  });
+  other.join();
+  EXPECT_EQ(executeRc, QVA_ERR_TIDMISMATCH);
+  EXPECT_EQ(listRc, QVA_ERR_TIDMISMATCH);
+  EXPECT_EQ(closeRc, QVA_ERR_TIDMISMATCH);
+  EXPECT_EQ(seenByOther, tok_);
+  // Nothing was sent for the refused calls; the owner carries on.
+  GuardedArea area(8);
+  area.set("owner");
+  ECI_PARMS parms = eciParms("UPPER", area.data(), area.length());
+  EXPECT_EQ(execute(parms), ECI_NO_ERROR);
+  EXPECT_EQ(area.text(5), "OWNER");
+}
+
+// The process id is remembered between calls; a forked child must still be
+// told apart from the parent that opened the connection.
+TEST_F(Connected, AForkedChildMayNotUseItsParentsToken) {
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    char data[8] = "child";
+    ECI_PARMS parms = eciParms("ECHO", data, sizeof data);
+    _exit(QVA_ECI_Execute(tok_, &parms) == QVA_ERR_PIDMISMATCH ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the child was not refused with -123";
+}
+
+// ---- Close-all and the state dump ---------------------------------------------------------
+
+TEST_F(E2eTest, CloseAllClosesTokensOfEveryThreadAndOnAnEmptyListSaysSoInTheTrace) {
+  QvaGatewayToken* fromOther = nullptr;
+  int openRc = -1;
+  std::thread other([&] { openRc = open(&fromOther); });
+  other.join();
+  ASSERT_EQ(openRc, QVA_OK);
+  QvaGatewayToken* mine = nullptr;
+  ASSERT_EQ(open(&mine), QVA_OK);
+  EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_OK);
+  // Each connection got its close request before its socket was closed.
+  for (size_t i = 0; i < 2; ++i) {
+    ASSERT_TRUE(gw_.waitForClosed(i, kPatience)) << i;
+    EXPECT_EQ(gw_.received(i), cat({handshakeRequest(), closeRequest()})) << i;
+  }
+  // Close-all does not know the callers' pointers; the old values are refused.
+  EXPECT_EQ(QVA_closeGatewayConnection(&mine), QVA_ERR_BADGWTOK);
+  EXPECT_EQ(QVA_closeGatewayConnection(&fromOther), QVA_ERR_BADGWTOK);
+  {
+    TraceCapture trace(2);
+    EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_OK);
+    const auto lines = traceLines(trace.text());
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_TRUE(hasLine(lines, 2171, "EVENT", "clapi_qva_gwytok.clapiDeleteGatewayTokens() GTL is EMPTY"));
+    EXPECT_TRUE(hasLine(lines, 1134, "EVENT", "API.QVA_closeAllGatewayConnections Closed all Gateway connections"));
+  }
+  TraceCapture trace(3);
+  EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_OK);
+  EXPECT_TRUE(hasLine(traceLines(trace.text()), 1008, "EXIT", "API.QVA_closeAllGatewayConnections() gwyTokRc=1006, rc=0 QVA_OK"));
+}
+
+// 256 tokens already hit the runaway limit; with 257 the newest stays open.
+TEST_F(E2eTest, CloseAllDeletesAtMost256TokensAndReportsTheRunawayLimit) {
+  for (size_t n : {256u, 257u}) {
+    SCOPED_TRACE(n);
+    qvaemu::Gateway gw;
+    ASSERT_TRUE(gw.start(nullptr));
+    for (size_t i = 0; i < n; ++i) {
+      QvaGatewayToken* tok = nullptr;  // kept only by the list
+      ASSERT_EQ(QVA_openRemoteGatewayConnection(kLoopback, gw.port(), &tok, 5), QVA_OK) << i;
+    }
+    TraceCapture trace(3);
+    EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_ERR_BADGWTOKLIST);
+    const auto lines = traceLines(trace.text());
+    EXPECT_TRUE(hasLine(lines, 2173, "*EXC*", "clapi_qva_gwytok.clapiDeleteGatewayTokensGTL iteration has hit RUNAWAY limit 256....."));
+    EXPECT_TRUE(hasLine(lines, 2174, "EXIT", "clapi_qva_gwytok.clapiDeleteGatewayTokens() Entries deleted=256 rc=1005"));
+    EXPECT_TRUE(hasLine(lines, 1008, "EXIT", "API.QVA_closeAllGatewayConnections() gwyTokRc=1005, rc=-115 QVA_ERR_BADGWTOKLIST"));
+    // The oldest 256 went, each with its close request.
+    for (size_t i = 0; i < 256; ++i) {
+      ASSERT_TRUE(gw.waitForClosed(i, kPatience)) << i;
+      EXPECT_EQ(gw.received(i), cat({handshakeRequest(), closeRequest()})) << i;
+    }
+    if (n == 257) {
+      EXPECT_EQ(gw.received(256), handshakeRequest());
+      const std::string state = dumpState();
+      EXPECT_NE(state.find("Gateway Token List entry -0001- : GatwayToken("), std::string::npos);
+      EXPECT_EQ(state.find("Gateway Token List entry -0002-"), std::string::npos);
+      EXPECT_NE(state.find("Total number of Gateway Token List entries=1\n"), std::string::npos);
+      EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_OK);
+      ASSERT_TRUE(gw.waitForClosed(256, kPatience));
+      EXPECT_EQ(gw.received(256), cat({handshakeRequest(), closeRequest()}));
+    }
+    EXPECT_TRUE(tokenListEmpty());
+    EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_OK);
+  }
+}
+
+TEST_F(E2eTest, DumpStateListsEveryTokenThenEveryChannel) {
+  QvaGatewayToken* first = nullptr;
+  QvaGatewayToken* second = nullptr;
+  ASSERT_EQ(open(&first), QVA_OK);
+  ASSERT_EQ(open(&second, 0), QVA_OK);
+  QvaChannel* older = nullptr;
+  QvaChannel* newer = nullptr;
+  ASSERT_EQ(ECI_createChannel("OLDER", &older), ECI_NO_ERROR);
+  ASSERT_EQ(ECI_createChannel("NEWER_CHANNEL_16", &newer), ECI_NO_ERROR);
+  ASSERT_EQ(ECI_createContainer(newer, "BITS", ECI_BIT, 37, "\x01\x02\x03", 3), ECI_NO_ERROR);
+  ASSERT_EQ(ECI_createContainer(newer, "TEXT", ECI_CHAR, 1208, "hello", 5), ECI_NO_ERROR);
+  TraceCapture trace(0);
+  EXPECT_EQ(QVA_dumpState(), QVA_OK);
+  const auto lines = linesOf(trace.text());
+
+  const std::string dashes(80, '-');
+  std::vector<std::string> body;
+  std::vector<std::string> channels;
+  bool inDump = false;
+  for (const auto& l : lines) {
+    if (l == "Gateway Token List dump") inDump = true;
+    if (l == "Channel and container dump") inDump = false;
+    (inDump ? body : channels).push_back(l);
+  }
+  // Channels newest first, each with its containers newest first.
+  ASSERT_EQ(channels.size(), 9u) << trace.text();
+  EXPECT_EQ(channels[1], "Channel and container dump");
+  EXPECT_EQ(channels[2], dashes);
+  const std::regex channel(
+      R"(Channel list entry -(\d{4})- : Channel\((0x[0-9a-f]+)\): eyecatcher\(QVACHANN\) name\((.{16})\) lock\((0x[0-9a-f]+)\) ccsid\((-?\d+)\) numContainers\((\d+)\) nextChannel\((0x[0-9a-f]+|\(nil\))\) firstCont\((0x[0-9a-f]+|\(nil\))\) currentCont\(\(nil\)\))");
+  std::smatch n, o;
+  ASSERT_TRUE(std::regex_match(channels[3], n, channel)) << channels[3];
+  ASSERT_TRUE(std::regex_match(channels[6], o, channel)) << channels[6];
+  EXPECT_EQ(n[1].str() + n[2].str() + n[3].str() + n[5].str() + n[6].str() + n[7].str(),
+            "0001" + ptrText(newer) + "NEWER_CHANNEL_16" + "12082" + ptrText(older));
+  EXPECT_EQ(o[1].str() + o[2].str() + o[3].str() + o[5].str() + o[6].str() + o[7].str() + o[8].str(),
+            "0002" + ptrText(older) + "           OLDER" + "-10(nil)(nil)");
+  const std::regex container(
+      R"(   Container list entry -0001/(\d{4})- : Container\((0x[0-9a-f]+)\): eyecatcher\(QVACONTA\) name\((.{16})\) type\((\d)\) ccsid\((\d+)\) dataLength\((\d+)\) dataPtr\((0x[0-9a-f]+)\) nextCont\((0x[0-9a-f]+|\(nil\))\))");
+  std::smatch c1, c2;
+  ASSERT_TRUE(std::regex_match(channels[4], c1, container)) << channels[4];
+  ASSERT_TRUE(std::regex_match(channels[5], c2, container)) << channels[5];
+  EXPECT_EQ(c1[1].str() + c1[3].str() + c1[4].str() + c1[5].str() + c1[6].str(),
+            "0001            TEXT212085");
+  EXPECT_EQ(c2[1].str() + c2[3].str() + c2[4].str() + c2[5].str() + c2[6].str(),
+            "0002            BITS103");
+  EXPECT_EQ(n[8].str(), c1[2].str());
+  EXPECT_EQ(c1[8].str(), c2[2].str());
+  EXPECT_EQ(c2[8].str(), "(nil)");
+  EXPECT_EQ(channels[7], "Total number of channels=2");
+  EXPECT_EQ(channels[8], dashes);
+  EXPECT_EQ(ECI_deleteAllChannels(), ECI_NO_ERROR);
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines.front(), "qvaclient state dump: DLL Version=8.0.0.1 Trace Level=0 clientAPITraceFile=" + trace.path());
+  ASSERT_EQ(body.size(), 6u) << "\n" << trace.text();
+  EXPECT_EQ(body[1], dashes);
+  const std::regex entry(
+      R"(Gateway Token List entry -(\d{4})- : GatwayToken\((0x[0-9a-f]+)\) eyecatcher\(QVAGWTOK\) port\((\d+)\) connStatus\(1\) socket\((\d+)\) owningPid\(([0-9A-F]{8})\) owningTid\([0-9A-F]{8}\) nextGwyTokPtr\((0x[0-9a-f]+|\(nil\))\))");
+  std::smatch m1, m2;
+  ASSERT_TRUE(std::regex_match(body[2], m1, entry)) << body[2];
+  ASSERT_TRUE(std::regex_match(body[3], m2, entry)) << body[3];
+  // The first links to the second.
+  EXPECT_EQ(m1[1].str() + m1[2].str() + m1[6].str(), "0001" + ptrText(first) + ptrText(second));
+  EXPECT_EQ(m2[1].str() + m2[2].str() + m2[6].str(), "0002" + ptrText(second) + "(nil)");
+  EXPECT_EQ(m1[3].str(), std::to_string(gw_.port()));
+  EXPECT_EQ("0x" + m1[5].str(), hex8(static_cast<unsigned>(getpid())));
+  EXPECT_NE(m1[4].str(), m2[4].str());
+  EXPECT_EQ(body[4], "Total number of Gateway Token List entries=2");
+  EXPECT_EQ(body[5], dashes);
+
+  EXPECT_EQ(QVA_closeGatewayConnection(&first), QVA_OK);
+  EXPECT_EQ(QVA_closeGatewayConnection(&second), QVA_OK);
+}
+
+// ---- ECI calls and units of work ---------------------------------------------------------
+
+// One after another on the same connection, so each also shows that the
+// one before left the connection in step.
+TEST_F(Connected, SampleProgramsGiveTheirResultsAbendCodesAndCommareas) {
+  struct Case {
+    const char* program;
+    const char* system;
+    std::string commarea;
+    int rc;
+    std::string abend;
+    std::string after;
+  };
+  const std::string none(4, '\0');
+  for (const Case& c : {
+           Case{"ECHO", "QVADEMO", "hello", ECI_NO_ERROR, none, "hello"},
+           Case{"UPPER", "QVADEMO", "Mixed case 123!", ECI_NO_ERROR, none, "MIXED CASE 123!"},
+           Case{"SHORT", "QVADEMO", "abcdefgh", ECI_NO_ERROR, none, "abcd" + none},
+           // An abend's reply carries no data for the COMMAREA's length: it reads back as zeros.
+           Case{"ABEND", "QVADEMO", "XY12rest", ECI_ERR_TRANSACTION_ABEND, "XY12", none + none},
+           Case{"ABEND", "QVADEMO", "        ", ECI_ERR_TRANSACTION_ABEND, "ABND", none + none},
+           Case{"NOSUCH", "QVADEMO", "abcd", ECI_ERR_TRANSACTION_ABEND, "AEI0", none},
+           Case{"ECHO", "NOSUCH", "abcd", ECI_ERR_UNKNOWN_SERVER, none, none},
+           Case{"ECHO", "QVATEST", "abc", ECI_NO_ERROR, none, "abc"},
+       }) {
+    SCOPED_TRACE(std::string(c.program) + " on " + c.system);
+    GuardedArea area(c.commarea.size());
+    area.set(c.commarea);
+    ECI_PARMS parms = eciParms(c.program, area.data(), area.length());
+    setField(parms.eci_system_name, c.system);
+    EXPECT_EQ(execute(parms), c.rc);
+    EXPECT_EQ(std::string(parms.eci_abend_code, 4), c.abend);
+    EXPECT_EQ(parms.eci_luw_token, 0);
+    EXPECT_EQ(area.text(), c.after);
+    EXPECT_TRUE(area.guardIntact());
+  }
+}
+
+TEST_F(Connected, AnExtendedUnitKeepsItsTokenUntilCommitted) {
+  GuardedArea area(6);
+  area.set("first");
+  ECI_PARMS parms = eciParms("ECHO", area.data(), area.length());
+  parms.eci_extend_mode = ECI_EXTENDED;
+  ASSERT_EQ(execute(parms), ECI_NO_ERROR);
+  const int token = parms.eci_luw_token;
+  EXPECT_NE(token, 0);
+  EXPECT_EQ(area.text(5), "first");
+  area.set("second");
+  ASSERT_EQ(execute(parms), ECI_NO_ERROR);
+  EXPECT_EQ(parms.eci_luw_token, token);
+  EXPECT_EQ(area.text(), "second");
+  // Commit sends no COMMAREA and reads none back; the unit ends.
+  area.set("commit");
+  parms.eci_extend_mode = ECI_COMMIT;
+  ASSERT_EQ(execute(parms), ECI_NO_ERROR);
+  EXPECT_EQ(parms.eci_luw_token, 0);
+  EXPECT_EQ(area.text(), "commit");
+  EXPECT_TRUE(area.guardIntact());
+  ASSERT_TRUE(gw_.waitForReceived(0, 55 + 2 * (32 + 95 + 6) + 32 + 95, kPatience));
+  const auto messages = splitMessages(gw_.received(0));
+  ASSERT_EQ(messages.size(), 4u);
+  // The second call carried the token the first one got, and so did the commit.
+  EXPECT_EQ(be32(messages[2], 32 + 8), static_cast<uint32_t>(token));
+  ASSERT_EQ(messages[3].size(), 32u + 95u);
+  EXPECT_EQ(be32(messages[3], 32 + 4), 2u);  // extend mode
+  EXPECT_EQ(be32(messages[3], 32 + 8), static_cast<uint32_t>(token));
+  // The ended unit is gone.
+  parms.eci_extend_mode = ECI_EXTENDED;
+  parms.eci_luw_token = token;
+  EXPECT_EQ(execute(parms), ECI_ERR_LUW_TOKEN);
+}
+
+TEST_F(Connected, BackoutEndsAUnitAndAnUnknownTokenIsRefused) {
+  GuardedArea area(4);
+  area.set("abc");
+  ECI_PARMS parms = eciParms("ECHO", area.data(), area.length());
+  parms.eci_extend_mode = ECI_EXTENDED;
+  parms.eci_luw_token = 0x1234;
+  EXPECT_EQ(execute(parms), ECI_ERR_LUW_TOKEN);
+  parms.eci_luw_token = 0;
+  ASSERT_EQ(execute(parms), ECI_NO_ERROR);
+  const int token = parms.eci_luw_token;
+  ASSERT_NE(token, 0);
+  parms.eci_extend_mode = ECI_BACKOUT;
+  EXPECT_EQ(execute(parms), ECI_NO_ERROR);
+  EXPECT_EQ(parms.eci_luw_token, 0);
+  parms.eci_extend_mode = ECI_EXTENDED;
+  parms.eci_luw_token = token;
+  EXPECT_EQ(execute(parms), ECI_ERR_LUW_TOKEN);
+}
+
+TEST_F(Connected, ListSystemsFillsOnlyTheEntriesTheGatewaySent) {
+  std::vector<QVA_SYSTEM_ENTRY> list(8);  // room for 4, then a guard of 4
+  std::memset(list.data(), 0x5A, list.size() * sizeof list[0]);
+  unsigned short count = 4;
+  ASSERT_EQ(QVA_listSystems(tok_, &count, list.data()), ECI_NO_ERROR);
+  ASSERT_EQ(count, 2);
+  EXPECT_EQ(std::string(list[0].SystemName, 9), std::string("QVADEMO\0\0", 9));
+  EXPECT_EQ(std::string(list[1].SystemName, 9), std::string("QVATEST\0\0", 9));
+  std::string description = "Emulated test server";
+  description.resize(60, ' ');
+  EXPECT_EQ(std::string(list[1].Description, sizeof list[1].Description), description + '\0');
+  const auto* rest = reinterpret_cast<const uint8_t*>(&list[2]);
+  EXPECT_TRUE(std::all_of(rest, rest + 6 * sizeof list[0], [](uint8_t b) { return b == 0x5A; }))
+      << "entries 2 and 3 were not sent and stay as they were";
+}
+
+// ---- Channel programs -----------------------------------------------------------------
+
+TEST_F(Connected, EachChannelProgramChangesTheChannelAsItSays) {
+  const struct {
+    const char* program;
+    std::string after;
+  } cases[] = {
+      {"CHNOOP", "RAW:1:0:012 TEXT:2:37:hello "},
+      {"CHECHO", "RAW:1:0:012 TEXT:2:37:hello "},
+      {"CHADD", "RESULT:2:37:Processed 2 containers RAW:1:0:012 TEXT:2:37:hello "},
+      {"CHUPPER", "RAW:1:0:012 TEXT:2:37:HELLO "},
+      {"CHGROW", "RAW:1:0:012012 TEXT:2:37:hellohello "},
+      {"CHDELETE", "TEXT:2:37:hello "},
+      {"CHMIX", "MIXED:1:0:\xDE\xAD\xBE\xEF TEXT:2:37:HELLO "},
+  };
+  for (const auto& c : cases) {
+    QvaChannel* ch = sampleChannel();
+    EXPECT_EQ(call(tok_, ch, c.program), ECI_NO_ERROR) << c.program;
+    EXPECT_EQ(contents(ch), c.after) << c.program;
+    EXPECT_EQ(ECI_deleteChannel(&ch), ECI_NO_ERROR);
+  }
+}
+
+// Threads with a connection and a channel each run side by side; threads
+// sharing one channel are serialised by its lock, so the shared channel
+// doubles exactly once per call and a reader never sees half a change.
+TEST_F(Connected, ChannelsWorkInParallelAndASharedChannelSerialises) {
+  constexpr int kThreads = 4;
+  constexpr int kCalls = 20;
+  QvaChannel* shared = nullptr;
+  ASSERT_EQ(ECI_createChannel("SHARED", &shared), ECI_NO_ERROR);
+  ASSERT_EQ(ECI_createContainer(shared, "COUNT", ECI_BIT, 0, "x", 1), ECI_NO_ERROR);
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      QvaGatewayToken* tok = nullptr;
+      if (open(&tok) != QVA_OK) return void(++failures);
+      QvaChannel* own = sampleChannel();
+      for (int i = 0; i < kCalls; ++i) {
+        if (call(tok, own, i % 2 == 0 ? "CHUPPER" : "CHNOOP") != ECI_NO_ERROR) ++failures;
+        if (t % 2 == 0 && i < 3 && call(tok, shared, "CHGROW") != ECI_NO_ERROR) ++failures;
+        ContainerInfo info;
+        if (t % 2 == 1 && ECI_getContainerInfo(shared, "COUNT", &info) == ECI_NO_ERROR) {
+          const uint32_t length = info.dataLength;
+          if ((length & (length - 1)) != 0) ++failures;  // always a power of two
+        }
+      }
+      if (contents(own) != "RAW:1:0:012 TEXT:2:37:HELLO ") ++failures;
+      if (ECI_deleteChannel(&own) != ECI_NO_ERROR) ++failures;
+      if (QVA_closeGatewayConnection(&tok) != QVA_OK) ++failures;
+    });
+  }
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(failures.load(), 0);
+  ContainerInfo info;
+  ASSERT_EQ(ECI_getContainerInfo(shared, "COUNT", &info), ECI_NO_ERROR);
+  EXPECT_EQ(uint32_t{info.dataLength}, 1u << (3 * kThreads / 2));
+}
+
+// ---- Many threads -------------------------------------------------------------------------
+
+// Each thread opens, makes its calls with data of its own and closes; every
+// reply must be the caller's own. Traced at level 4, so that the lines and
+// dumps of all threads interleave: they must still come out whole.
+TEST_F(E2eTest, EightThreadsGetTheirOwnRepliesAndWholeTraceLines) {
+  constexpr int kThreads = 8;
+  constexpr int kCalls = 100;
+  TraceCapture trace(4);
+  std::atomic<int> good{0}, failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([this, t, &good, &failures] {
+      QvaGatewayToken* tok = nullptr;
+      if (open(&tok) != QVA_OK) return void(++failures);
+      for (int i = 0; i < kCalls; ++i) {
+        char text[40];
+        const int n = std::snprintf(text, sizeof text, "thread %d call %03d", t, i);
+        // Lengths differ from call to call, so a reply meant for another
+        // request would show in the length too.
+        GuardedArea area(static_cast<size_t>(n + i % 7));
+        area.set(text);
+        const std::string sent = area.text();
+        ECI_PARMS parms = eciParms("ECHO", area.data(), area.length());
+        if (QVA_ECI_Execute(tok, &parms) == ECI_NO_ERROR && area.text() == sent && area.guardIntact())
+          ++good;
+        else
+          ++failures;
+      }
+      if (QVA_closeGatewayConnection(&tok) != QVA_OK || tok != nullptr) ++failures;
+    });
+  }
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(failures.load(), 0);
+  EXPECT_EQ(good.load(), kThreads * kCalls);
+  const std::string text = trace.text();
+  EXPECT_EQ(gw_.connectionCount(), static_cast<size_t>(kThreads));
+  for (size_t i = 0; i < kThreads; ++i) {
+    ASSERT_TRUE(gw_.waitForClosed(i, kPatience)) << i;
+    const auto messages = splitMessages(gw_.received(i));
+    ASSERT_EQ(messages.size(), static_cast<size_t>(kCalls + 2)) << i;
+    EXPECT_EQ(messages.front(), handshakeRequest());
+    EXPECT_EQ(messages.back(), closeRequest());
+  }
+  // Every line is a trace line, a dump line or a dump's heading: no line holds pieces of two.
+  int exits = 0, dumpHeadings = 0;
+  std::set<unsigned> threadIds;
+  for (const auto& line : linesOf(text)) {
+    if (auto l = parseTraceLine(line)) {
+      if (l->point == 3326 && l->word == "EXIT") {
+        EXPECT_EQ(l->message, "API.QVA_ECI_Execute() rc=0 QVA_OK");
+        ++exits;
+        threadIds.insert(l->tid);
+      }
+    } else if (line.rfind("Data truncation size=0, offset=0", 0) == 0) {
+      ++dumpHeadings;
+    } else if (!isDumpLine(line) && !isBannerLine(line)) {
+      ADD_FAILURE() << "torn trace line: " << line;
+      break;
+    }
+  }
+  EXPECT_EQ(exits, kThreads * kCalls);
+  EXPECT_EQ(threadIds.size(), static_cast<size_t>(kThreads));
+  EXPECT_GE(dumpHeadings, 2 * kThreads * kCalls);
+}
+
+}  // namespace
