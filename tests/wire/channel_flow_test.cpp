@@ -153,6 +153,8 @@ TEST_F(ChannelFlowTest, ReturnFlowsMergeUpToTheFirstFailingEntry) {
        QVA_ERR_SYSTEM_ERROR, "MOD:2:1208:abc KEEP:1:0:keep "},
       {"an addition longer than the reply", 1, entry("BIG", 1, 1, 0, ascii("tiny"), 0x7FFFFFFF), QVA_ERR_SYSTEM_ERROR,
        start},
+      {"a lie with more of the reply still in the socket", 1, entry("MOD", 3, 2, 1208, fill(3000, 'x'), 5000),
+       QVA_ERR_SYSTEM_ERROR, start},
       {"a count beyond the entries", 3, cat({entry("DEL", 2), slice(entry("KEEP", 4), 0, 10)}), QVA_ERR_SYSTEM_ERROR,
        "MOD:2:1208:abc KEEP:1:0:keep "},
       {"a huge count", 0x7FFFFFFF, entry("KEEP", 4), QVA_ERR_SYSTEM_ERROR, start},
