@@ -134,13 +134,13 @@ ChannelCall ChannelWorkload::rawCall() const {
   c.channelName = kChannelName;
   c.channelCcsid = kCcsid;
   for (size_t i = names_.size(); i-- > 0;) {
-    ContainerSpec spec;
-    spec.name = names_[i];
-    spec.type = kind_ == Kind::Big ? kCharType : kBitType;
-    spec.ccsid = kind_ == Kind::Big ? kCcsid : 0;
-    spec.data = data_[i].data();
-    spec.length = static_cast<uint32_t>(data_[i].size());
-    c.containers.push_back(spec);
+    ContainerSpec wanted;
+    wanted.name = names_[i];
+    wanted.type = kind_ == Kind::Big ? kCharType : kBitType;
+    wanted.ccsid = kind_ == Kind::Big ? kCcsid : 0;
+    wanted.data = data_[i].data();
+    wanted.length = static_cast<uint32_t>(data_[i].size());
+    c.containers.push_back(wanted);
   }
   return c;
 }

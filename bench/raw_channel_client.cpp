@@ -87,7 +87,7 @@ class Cursor {
 
 Bytes buildChannelRequest(const ChannelCall &c) {
   uint64_t channelBlock = 24;
-  for (const ContainerSpec &spec : c.containers) channelBlock += 28 + uint64_t{spec.length};
+  for (const ContainerSpec &wanted : c.containers) channelBlock += 28 + uint64_t{wanted.length};
   // 95 fixed body bytes of a program call without a COMMAREA, the channel
   // block behind them.
   const auto bodyLength = static_cast<uint32_t>(95 + channelBlock);
@@ -123,15 +123,15 @@ Bytes buildChannelRequest(const ChannelCall &c) {
   putName(out, c.channelName);
   put32(out, static_cast<uint32_t>(c.channelCcsid));
   put32(out, static_cast<uint32_t>(c.containers.size()));
-  for (const ContainerSpec &spec : c.containers) {
-    putName(out, spec.name);
+  for (const ContainerSpec &wanted : c.containers) {
+    putName(out, wanted.name);
     out.push_back(kAdded);  // every container of a request travels as ADDED
     out.push_back(0);
     out.push_back(0);
-    out.push_back(spec.type);
-    put32(out, static_cast<uint32_t>(spec.ccsid));
-    put32(out, spec.length);
-    putBytes(out, spec.data, spec.length);
+    out.push_back(wanted.type);
+    put32(out, static_cast<uint32_t>(wanted.ccsid));
+    put32(out, wanted.length);
+    putBytes(out, wanted.data, wanted.length);
   }
   out.push_back(0x00);  // time limit, 16 bits
   out.push_back(0x00);

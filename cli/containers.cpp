@@ -105,22 +105,22 @@ ChannelOptions::Parse ChannelOptions::take(int argc, char **argv, int *i) {
   const char *equals = v == nullptr ? nullptr : std::strchr(v, '=');
   if (equals == nullptr) return usageError(arg + " takes " + form);
 
-  ContainerSpec spec;
-  spec.name.assign(v, equals);
+  ContainerSpec wanted;
+  wanted.name.assign(v, equals);
   const char *content = equals + 1;
   if (arg == "--container") {
-    spec.data.assign(content, content + std::strlen(content));
+    wanted.data.assign(content, content + std::strlen(content));
   } else if (arg == "--container-hex") {
-    if (!parseHex(content, &spec.data)) {
+    if (!parseHex(content, &wanted.data)) {
       return usageError(arg + " takes NAME=HEX with pairs of hex digits");
     }
-  } else if (!readFile(content, &spec.data)) {
+  } else if (!readFile(content, &wanted.data)) {
     return usageError("cannot read " + std::string(content) + ": " + std::strerror(errno));
   }
-  if (spec.data.size() > UINT32_MAX) return usageError(std::string(content) + " holds more than 4 GiB");
-  spec.type = nextType_.value_or(nextCcsid_ ? ECI_CHAR : defaultType);
-  spec.ccsid = nextCcsid_.value_or(0);
-  containers_.push_back(std::move(spec));
+  if (wanted.data.size() > UINT32_MAX) return usageError(std::string(content) + " holds more than 4 GiB");
+  wanted.type = nextType_.value_or(nextCcsid_ ? ECI_CHAR : defaultType);
+  wanted.ccsid = nextCcsid_.value_or(0);
+  containers_.push_back(std::move(wanted));
   nextType_.reset();
   nextCcsid_.reset();
   pendingModifier_.clear();
@@ -176,11 +176,11 @@ int buildChannel(const ChannelOptions &options, QvaChannel **channel) {
     std::fprintf(stderr, "qva-call: channel \"%s\": rc=%d %s\n", options.channelName().c_str(), rc, rcName(rc).c_str());
     return rc;
   }
-  for (const ContainerSpec &spec : options.containers()) {
-    rc = ECI_createContainer(*channel, spec.name.c_str(), spec.type, spec.ccsid, spec.data.data(),
-                             static_cast<uint32_t>(spec.data.size()));
+  for (const ContainerSpec &wanted : options.containers()) {
+    rc = ECI_createContainer(*channel, wanted.name.c_str(), wanted.type, wanted.ccsid, wanted.data.data(),
+                             static_cast<uint32_t>(wanted.data.size()));
     if (rc != ECI_NO_ERROR) {
-      std::fprintf(stderr, "qva-call: container \"%s\": rc=%d %s\n", spec.name.c_str(), rc, rcName(rc).c_str());
+      std::fprintf(stderr, "qva-call: container \"%s\": rc=%d %s\n", wanted.name.c_str(), rc, rcName(rc).c_str());
       ECI_deleteChannel(channel);
       return rc;
     }
