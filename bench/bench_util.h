@@ -5,7 +5,9 @@
 
 #include <benchmark/benchmark.h>
 
+#include <cstdint>
 #include <span>
+#include <string>
 #include <vector>
 
 namespace bench {
@@ -33,6 +35,11 @@ const char *flagValue(int argc, char **argv, const char *flag);
 // `wanted`, or the last allowed one for kLastAllowedCpu; -1 leaves placement
 // to the scheduler. Returns the CPU used, or -1. `program` prefixes messages.
 int pinToCpu(int wanted, const char *program);
+
+// A TCP connection to 127.0.0.1:port with the options the library sets on
+// its own connections (keep-alive, no delay); the descriptor, or -1 with
+// *error set.
+int connectLoopback(uint16_t port, std::string *error);
 
 // The median of the values (reorders them); 0 for none.
 double median(std::vector<double> &values);

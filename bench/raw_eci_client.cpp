@@ -1,4 +1,5 @@
 #include "raw_eci_client.h"
+#include "bench_util.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -96,24 +97,8 @@ void RawClient::close() {
 
 bool RawClient::open(uint16_t port, std::string *error) {
   close();
-  fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd_ < 0) {
-    *error = std::string("socket: ") + std::strerror(errno);
-    return false;
-  }
-  // The options the library sets on its own connections.
-  const int on = 1;
-  setsockopt(fd_, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-  setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(port);
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::connect(fd_, reinterpret_cast<const sockaddr *>(&a), sizeof a) != 0) {
-    *error = std::string("connect: ") + std::strerror(errno);
-    close();
-    return false;
-  }
+  fd_ = connectLoopback(port, error);
+  if (fd_ < 0) return false;
   if (!sendAll(kHandshakeRequest, sizeof kHandshakeRequest)) {
     *error = "handshake: send failed";
     close();

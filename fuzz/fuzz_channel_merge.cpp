@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "clapi_channel.h"
-#include "clapi_socketcomms.h"
+#include "fuzz_request.h"
 
 namespace {
 
@@ -69,13 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
   QvaChannel *channel = channelWithContainers();
   char name[] = "ECI";
-  GatewayRequest request{};
-  request.magic = kHeaderMagic;
-  request.version = kProtocolVersionWord;
-  request.flowType = kFlowEciRequest;
-  request.name = name;
-  request.nameLength = 3;
-  request.extensionMarker = -1;
+  GatewayRequest request = eciRequest(name);
   request.callType = kCallTypeSync;
   request.channel = channel;
   int32_t reasons = 0;

@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "clapi_socketcomms.h"
+#include "fuzz_request.h"
 #include "qvaclient/qvaclient.h"
 
 namespace {
@@ -46,13 +46,7 @@ int runFlow(uint8_t selector, int socketDesc) {
       break;
   }
   char name[] = "ECI";
-  GatewayRequest request{};
-  request.magic = kHeaderMagic;
-  request.version = kProtocolVersionWord;
-  request.flowType = kFlowEciRequest;
-  request.name = name;
-  request.nameLength = 3;
-  request.extensionMarker = -1;
+  GatewayRequest request = eciRequest(name);
   const bool list = selector % 4 == 3;
   GuardedArea area(list ? 3 * kSystemEntrySize : 100);
   request.commarea = area.bytes;
