@@ -43,21 +43,6 @@ constexpr int kAllocationCalls = 1000;
 const char *const kDefaultFlags[] = {"--benchmark_repetitions=10", "--benchmark_min_time=0.2",
                                      "--benchmark_enable_random_interleaving=true"};
 
-void field(char *dst, size_t size, const char *text) {
-  std::memset(dst, ' ', size);
-  std::memcpy(dst, text, std::min(size, std::strlen(text)));
-}
-
-bench::ProgramCall programCall() {
-  bench::ProgramCall call{};
-  field(call.systemName, sizeof call.systemName, "QVADEMO");
-  field(call.userId, sizeof call.userId, "BENCHUSR");
-  field(call.password, sizeof call.password, "s3cret");
-  field(call.programName, sizeof call.programName, "ECHO");
-  field(call.transId, sizeof call.transId, "");
-  return call;
-}
-
 Bytes payload(int size) {
   Bytes data(static_cast<size_t>(size));
   for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>('A' + i % 26);
@@ -68,19 +53,12 @@ Bytes payload(int size) {
 // COMMAREA, the raw client's request template and COMMAREA.
 struct Workload {
   explicit Workload(int size) : data(payload(size)), libCommarea(data), rawCommarea(data) {
-    const bench::ProgramCall call = programCall();
-    std::memset(&parms, 0, sizeof parms);
-    parms.eci_call_type = ECI_SYNC;
-    parms.eci_version = ECI_VERSION_4;
-    parms.eci_extend_mode = ECI_NO_EXTEND;
-    std::memcpy(parms.eci_program_name, call.programName, 8);
-    std::memcpy(parms.eci_userid, call.userId, 16);
-    std::memcpy(parms.eci_password, call.password, 16);
-    std::memcpy(parms.eci_transid, call.transId, 4);
-    std::memcpy(parms.eci_system_name, call.systemName, 8);
+    qvaraw::Call call = bench::programCall("ECHO");
+    bench::setParms(parms, call);
     parms.eci_commarea = libCommarea.data();
     parms.eci_commarea_length = static_cast<short>(size);
-    request = bench::buildProgramRequest(call, data);
+    call.commarea = data;
+    request = qvaraw::request(call);
   }
 
   Bytes data;
@@ -91,34 +69,6 @@ struct Workload {
 };
 
 // ---- Checking the wire before timing it --------------------------------------
-
-void printMismatch(const char *who, const Bytes &got, const Bytes &want) {
-  size_t at = 0;
-  while (at < got.size() && at < want.size() && got[at] == want[at]) ++at;
-  std::fprintf(stderr, "bench_eci: %s sent %zu bytes, the wire layout gives %zu; first difference at offset %zu\n",
-               who, got.size(), want.size(), at);
-  const size_t from = at >= 8 ? at - 8 : 0;
-  for (const auto *side : {"sent", "want"}) {
-    const Bytes &b = side[0] == 's' ? got : want;
-    std::fprintf(stderr, "  %s:", side);
-    for (size_t i = from; i < std::min(b.size(), from + 24); ++i) std::fprintf(stderr, " %02X", b[i]);
-    std::fprintf(stderr, "\n");
-  }
-}
-
-bool checkReceived(const qvaemu::Gateway &gateway, size_t connection, const char *who, const Bytes &want) {
-  if (!gateway.waitForReceived(connection, want.size(), 10s)) {
-    std::fprintf(stderr, "bench_eci: %s: the emulator got %zu of %zu bytes within 10 s\n", who,
-                 gateway.received(connection).size(), want.size());
-    return false;
-  }
-  const Bytes got = gateway.received(connection);
-  if (got != want) {
-    printMismatch(who, got, want);
-    return false;
-  }
-  return true;
-}
 
 // Runs every size once through each client against a recording emulator:
 // both must send exactly the bytes the wire layout gives, and both must get
@@ -133,7 +83,7 @@ bool checkWire() {
     return false;
   }
 
-  Bytes want(bench::kHandshakeRequest, bench::kHandshakeRequest + sizeof bench::kHandshakeRequest);
+  Bytes want = qvaraw::handshakeRequest();
   for (int size : kSizes) {
     Workload w(size);
     want.insert(want.end(), w.request.begin(), w.request.end());
@@ -155,7 +105,7 @@ bool checkWire() {
       ok = false;
     }
   }
-  ok = checkReceived(gateway, 0, "the library", want) && ok;
+  ok = bench::checkReceived("bench_eci", gateway, 0, "the library", want, 10s) && ok;
   QVA_closeGatewayConnection(&gw);
 
   bench::RawClient raw;
@@ -172,7 +122,7 @@ bool checkWire() {
       ok = false;
     }
   }
-  ok = checkReceived(gateway, 1, "the raw client", want) && ok;
+  ok = bench::checkReceived("bench_eci", gateway, 1, "the raw client", want, 10s) && ok;
   return ok;
 }
 

@@ -1,10 +1,6 @@
 #include "bench_util.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sched.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,25 +16,51 @@
 
 namespace bench {
 
-int connectLoopback(uint16_t port, std::string *error) {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) {
-    *error = std::string("socket: ") + std::strerror(errno);
-    return -1;
+qvaraw::Call programCall(const char *program) {
+  qvaraw::Call call;
+  call.user = "BENCHUSR";
+  call.password = "s3cret";
+  call.program = program;
+  return call;
+}
+
+void setParms(ECI_PARMS &parms, const qvaraw::Call &call) {
+  const auto copy = [](char *to, const std::string &text, size_t width) {
+    const qvaraw::Bytes padded = qvaraw::field(text, width);
+    std::memcpy(to, padded.data(), width);
+  };
+  std::memset(&parms, 0, sizeof parms);
+  parms.eci_call_type = ECI_SYNC;
+  parms.eci_version = ECI_VERSION_4;
+  parms.eci_extend_mode = ECI_NO_EXTEND;
+  copy(parms.eci_program_name, call.program, sizeof parms.eci_program_name);
+  copy(parms.eci_userid, call.user, sizeof parms.eci_userid);
+  copy(parms.eci_password, call.password, sizeof parms.eci_password);
+  copy(parms.eci_transid, call.transId, sizeof parms.eci_transid);
+  copy(parms.eci_system_name, call.system, sizeof parms.eci_system_name);
+}
+
+bool checkReceived(const char *program, const qvaemu::Gateway &gateway, size_t connection, const char *who,
+                   const qvaraw::Bytes &want, std::chrono::seconds patience) {
+  if (!gateway.waitForReceived(connection, want.size(), patience)) {
+    std::fprintf(stderr, "%s: %s: the emulator got %zu of %zu bytes within %lld s\n", program, who,
+                 gateway.received(connection).size(), want.size(), static_cast<long long>(patience.count()));
+    return false;
   }
-  const int on = 1;
-  setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(port);
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::connect(fd, reinterpret_cast<const sockaddr *>(&a), sizeof a) != 0) {
-    *error = std::string("connect: ") + std::strerror(errno);
-    ::close(fd);
-    return -1;
+  const qvaraw::Bytes got = gateway.received(connection);
+  if (got == want) return true;
+  size_t at = 0;
+  while (at < got.size() && at < want.size() && got[at] == want[at]) ++at;
+  std::fprintf(stderr, "%s: %s sent %zu bytes, the wire layout gives %zu; first difference at offset %zu\n", program,
+               who, got.size(), want.size(), at);
+  const size_t from = at >= 8 ? at - 8 : 0;
+  for (const auto *side : {"sent", "want"}) {
+    const qvaraw::Bytes &b = side[0] == 's' ? got : want;
+    std::fprintf(stderr, "  %s:", side);
+    for (size_t i = from; i < std::min(b.size(), from + 24); ++i) std::fprintf(stderr, " %02X", b[i]);
+    std::fprintf(stderr, "\n");
   }
-  return fd;
+  return false;
 }
 
 const char *flagValue(int argc, char **argv, const char *flag) {

@@ -1,14 +1,20 @@
 // What the benchmark programs share: the command line (CPU placement and
-// default flags), pinning, the median, and the allocation counter's
-// self-check.
+// default flags), pinning, the median, the allocation counter's self-check,
+// and the program call both clients make, checked on a recording emulator.
 #pragma once
 
 #include <benchmark/benchmark.h>
+
+#include <chrono>
 
 #include <cstdint>
 #include <span>
 #include <string>
 #include <vector>
+
+#include "qvaclient/qvaclient.h"
+#include "qvaemu/gateway.h"
+#include "qvaemu/raw_wire.h"
 
 namespace bench {
 
@@ -36,10 +42,16 @@ const char *flagValue(int argc, char **argv, const char *flag);
 // to the scheduler. Returns the CPU used, or -1. `program` prefixes messages.
 int pinToCpu(int wanted, const char *program);
 
-// A TCP connection to 127.0.0.1:port with the options the library sets on
-// its own connections (keep-alive, no delay); the descriptor, or -1 with
-// *error set.
-int connectLoopback(uint16_t port, std::string *error);
+// A call of `program` on QVADEMO as user BENCHUSR, every other field 0 or
+// blank; setParms gives the library's parameter block the same fields.
+qvaraw::Call programCall(const char *program);
+void setParms(ECI_PARMS &parms, const qvaraw::Call &call);
+
+// True when connection `connection` of the recording emulator got exactly
+// `want` within `patience`; otherwise the first difference goes to stderr,
+// prefixed with `program` and `who`.
+bool checkReceived(const char *program, const qvaemu::Gateway &gateway, size_t connection, const char *who,
+                   const qvaraw::Bytes &want, std::chrono::seconds patience);
 
 // The median of the values (reorders them); 0 for none.
 double median(std::vector<double> &values);

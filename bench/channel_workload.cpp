@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "bench_util.h"
 #include "qvaemu/gateway.h"
 
 namespace bench {
@@ -24,21 +25,6 @@ constexpr int32_t kCcsid = 819;
 // The library's socket buffer holds at most this many bytes.
 constexpr size_t kSocketBufferMax = 1024;
 constexpr size_t kReplyHeaderSize = 32;  // with the name "ECI"
-
-void field(char *dst, size_t size, const char *text) {
-  std::memset(dst, ' ', size);
-  std::memcpy(dst, text, std::min(size, std::strlen(text)));
-}
-
-ProgramCall programCall(const char *program) {
-  ProgramCall call{};
-  field(call.systemName, sizeof call.systemName, "QVADEMO");
-  field(call.userId, sizeof call.userId, "BENCHUSR");
-  field(call.password, sizeof call.password, "s3cret");
-  field(call.programName, sizeof call.programName, program);
-  field(call.transId, sizeof call.transId, "");
-  return call;
-}
 
 // Container i's bytes, different for every container.
 Bytes echoData(size_t i, uint32_t size) {
@@ -113,36 +99,23 @@ bool ChannelWorkload::create(std::string *error) {
                              data_[i].data(), static_cast<uint32_t>(data_[i].size()));
     if (rc != ECI_NO_ERROR) return expect(false, error, "ECI_createContainer rc=" + std::to_string(rc));
   }
-  const ProgramCall call = programCall(kind_ == Kind::Big ? "CHBIG" : "CHECHO");
-  parms_.eci_call_type = ECI_SYNC;
-  parms_.eci_version = ECI_VERSION_4;
-  parms_.eci_extend_mode = ECI_NO_EXTEND;
-  std::memcpy(parms_.eci_program_name, call.programName, 8);
-  std::memcpy(parms_.eci_userid, call.userId, 16);
-  std::memcpy(parms_.eci_password, call.password, 16);
-  std::memcpy(parms_.eci_transid, call.transId, 4);
-  std::memcpy(parms_.eci_system_name, call.systemName, 8);
+  setParms(parms_, programCall(kind_ == Kind::Big ? "CHBIG" : "CHECHO"));
   parms_.eci_channel = channel_;
-  request_ = buildChannelRequest(rawCall());
+  request_ = qvaraw::request(rawCall());
   return true;
 }
 
-// The request from the wire layout: the channel's containers newest first.
-ChannelCall ChannelWorkload::rawCall() const {
-  ChannelCall c;
-  c.call = programCall(kind_ == Kind::Big ? "CHBIG" : "CHECHO");
-  c.channelName = kChannelName;
-  c.channelCcsid = kCcsid;
-  for (size_t i = names_.size(); i-- > 0;) {
-    ContainerSpec wanted;
-    wanted.name = names_[i];
-    wanted.type = kind_ == Kind::Big ? kCharType : kBitType;
-    wanted.ccsid = kind_ == Kind::Big ? kCcsid : 0;
-    wanted.data = data_[i].data();
-    wanted.length = static_cast<uint32_t>(data_[i].size());
-    c.containers.push_back(wanted);
-  }
-  return c;
+// The request from the wire layout: the channel's containers newest first,
+// each ADDED.
+qvaraw::Call ChannelWorkload::rawCall() const {
+  std::vector<Bytes> entries;
+  const bool big = kind_ == Kind::Big;
+  for (size_t i = names_.size(); i-- > 0;)
+    entries.push_back(qvaraw::entry(names_[i], qvaraw::kAdded, big ? qvaraw::kChar : qvaraw::kBit, big ? kCcsid : 0,
+                                    data_[i]));
+  qvaraw::Call call = programCall(big ? "CHBIG" : "CHECHO");
+  call.channelBlock = qvaraw::channel(kChannelName, kCcsid, entries);
+  return call;
 }
 
 uint64_t ChannelWorkload::expectedAllocations() const {
@@ -194,28 +167,34 @@ bool ChannelWorkload::checkLibraryResult(std::string *error) {
 }
 
 bool ChannelWorkload::checkRawReply(const uint8_t *message, size_t size, std::string *error) {
-  ChannelReply reply;
-  if (!parseChannelReply(message, size, &reply, error)) return false;
+  qvaraw::ProgramReply reply;
+  qvaraw::Flow flow;
+  if (!expect(size >= kReplyHeaderSize && qvaraw::get32(message) == 0x47617465 &&
+                  qvaraw::parseProgramReply(message + kReplyHeaderSize, size - kReplyHeaderSize, reply, true) &&
+                  reply.channelPresent != 0 && qvaraw::parseFlow(reply.flow, flow),
+              error, "the reply does not follow the layout"))
+    return false;
   if (!expect(reply.replyRc == 0, error, "replyRc " + std::to_string(reply.replyRc))) return false;
-  if (!expect(reply.channelName == kChannelName && reply.channelCcsid == kCcsid, error, "channel renamed"))
-    return false;
-  const ChannelCall sent = rawCall();
+  if (!expect(flow.channelName == kChannelName && flow.ccsid == kCcsid, error, "channel renamed")) return false;
   const size_t extra = kind_ == Kind::Big ? 1 : 0;
-  if (!expect(reply.entries.size() == sent.containers.size() + extra, error,
-              std::to_string(reply.entries.size()) + " entries in the return flow"))
+  if (!expect(flow.entries.size() == names_.size() + extra, error,
+              std::to_string(flow.entries.size()) + " entries in the return flow"))
     return false;
-  for (size_t i = 0; i < sent.containers.size(); ++i) {
-    const ContainerSpec &s = sent.containers[i];
-    const ReturnEntry &e = reply.entries[i];
-    const bool echoed = kind_ == Kind::Echo;
-    const bool same = e.name == s.name && e.type == s.type && e.ccsid == s.ccsid && e.length == s.length &&
-                      e.state == (echoed ? kModified : kUnchanged) &&
-                      (!echoed || std::memcmp(e.data, s.data, s.length) == 0);
+  // The entries come back in the order they went: newest first.
+  const bool echoed = kind_ == Kind::Echo;
+  for (size_t i = 0; i < names_.size(); ++i) {
+    const qvaraw::FlowEntry &e = flow.entries[i];
+    const size_t sent = names_.size() - 1 - i;
+    const Bytes &data = data_[sent];
+    const bool same = e.name == names_[sent] && e.type == (echoed ? qvaraw::kBit : qvaraw::kChar) &&
+                      e.ccsid == (echoed ? 0 : kCcsid) && e.length == data.size() &&
+                      e.state == (echoed ? qvaraw::kModified : qvaraw::kUnchanged) &&
+                      (!echoed || std::memcmp(e.data, data.data(), data.size()) == 0);
     if (!expect(same, error, "entry " + e.name + " is not what the program returns")) return false;
   }
   if (kind_ == Kind::Big) {
-    const ReturnEntry &e = reply.entries.back();
-    const bool ok = e.name == "PAYLOAD" && e.state == kAdded && e.type == kBitType && e.ccsid == 0 &&
+    const qvaraw::FlowEntry &e = flow.entries.back();
+    const bool ok = e.name == "PAYLOAD" && e.state == qvaraw::kAdded && e.type == qvaraw::kBit && e.ccsid == 0 &&
                     e.length == payloadBytes_ && isBigPattern(e.data, e.length);
     if (!expect(ok, error, "PAYLOAD entry is not what CHBIG returns")) return false;
   }
@@ -235,35 +214,6 @@ Workloads makeWorkloads() {
 // ---- Checking the wire before timing it --------------------------------------
 
 namespace {
-
-void printMismatch(const char *who, const Bytes &got, const Bytes &want) {
-  size_t at = 0;
-  while (at < got.size() && at < want.size() && got[at] == want[at]) ++at;
-  std::fprintf(stderr,
-               "bench_channel: %s sent %zu bytes, the wire layout gives %zu; first difference at offset %zu\n", who,
-               got.size(), want.size(), at);
-  const size_t from = at >= 8 ? at - 8 : 0;
-  for (const auto *side : {"sent", "want"}) {
-    const Bytes &b = side[0] == 's' ? got : want;
-    std::fprintf(stderr, "  %s:", side);
-    for (size_t i = from; i < std::min(b.size(), from + 24); ++i) std::fprintf(stderr, " %02X", b[i]);
-    std::fprintf(stderr, "\n");
-  }
-}
-
-bool checkReceived(const qvaemu::Gateway &gateway, size_t connection, const char *who, const Bytes &want) {
-  if (!gateway.waitForReceived(connection, want.size(), 60s)) {
-    std::fprintf(stderr, "bench_channel: %s: the emulator got %zu of %zu bytes within 60 s\n", who,
-                 gateway.received(connection).size(), want.size());
-    return false;
-  }
-  const Bytes got = gateway.received(connection);
-  if (got != want) {
-    printMismatch(who, got, want);
-    return false;
-  }
-  return true;
-}
 
 constexpr int kCallsPerWorkload = 2;  // the second shows that the channel is back as it was
 
@@ -285,7 +235,7 @@ bool checkLibrary(Workloads &workloads, const qvaemu::Gateway &gateway, const By
       if (!ok) std::fprintf(stderr, "bench_channel: library call %s: %s\n", w->key().c_str(), error.c_str());
     }
   }
-  ok = checkReceived(gateway, 0, "the library", want) && ok;
+  ok = checkReceived("bench_channel", gateway, 0, "the library", want, 60s) && ok;
   QVA_closeGatewayConnection(&gw);
   return ok;
 }
@@ -307,7 +257,7 @@ bool checkRaw(Workloads &workloads, const qvaemu::Gateway &gateway, const Bytes 
       if (!ok) std::fprintf(stderr, "bench_channel: raw call %s: %s\n", w->key().c_str(), error.c_str());
     }
   }
-  return ok && checkReceived(gateway, 1, "the raw client", want);
+  return ok && checkReceived("bench_channel", gateway, 1, "the raw client", want, 60s);
 }
 
 }  // namespace
@@ -321,7 +271,7 @@ bool checkWire(Workloads &workloads) {
     std::fprintf(stderr, "bench_channel: recording emulator: %s\n", error.c_str());
     return false;
   }
-  Bytes want(kHandshakeRequest, kHandshakeRequest + sizeof kHandshakeRequest);
+  Bytes want = qvaraw::handshakeRequest();
   for (const auto &w : workloads)
     for (int call = 0; call < kCallsPerWorkload; ++call) want.insert(want.end(), w->request().begin(), w->request().end());
 

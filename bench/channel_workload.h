@@ -62,7 +62,7 @@ class ChannelWorkload {
  private:
   ChannelWorkload(Kind kind, std::string key);
   bool create(std::string *error);
-  ChannelCall rawCall() const;
+  qvaraw::Call rawCall() const;
 
   Kind kind_;
   std::string key_;

@@ -64,7 +64,8 @@ TEST_F(WireTest, HandshakeArrivingOneByteAtATimeIsRecordedAndAnsweredExactly) {
   EXPECT_EQ(readMessage(c_), kHandshakeReply);
   EXPECT_EQ(gw_->received(0), hs);
   EXPECT_EQ(gw_->connectionCount(), 1u);
-  // The tests' own builders must agree with the literal bytes.
+  // The raw builders, which the benchmarks use too, must agree with the literal bytes.
+  EXPECT_EQ(qvaraw::handshakeRequest(), hs);
   EXPECT_EQ(request(prog("ECHO", kCommarea)), kEchoRequest);
   EXPECT_EQ(echoReply(ascii(kCommarea)), kEchoReply);
   EXPECT_EQ(request({.program = "CHECHO",
