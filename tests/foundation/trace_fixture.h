@@ -1,34 +1,37 @@
 // A fixture that sends the trace to a fresh file for each test and puts the
-// process-wide trace settings back afterwards.
+// process-wide settings back afterwards; the lines the tests compare.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <pthread.h>
-#include <unistd.h>
 
-#include <cstdint>
 #include <string>
 #include <vector>
 
-#include "qvaclient/qvaclient.h"
 #include "qvatest/trace.h"
 
 namespace qvatest {
 
 using Lines = std::vector<std::string>;
 
-// The thread id as the trace shows it: its low 32 bits.
-inline uint32_t selfTid() { return static_cast<uint32_t>(pthread_self()); }
+inline Lines operator+(Lines a, const Lines &b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+// A lock module line, "3106 EXIT   clapi_lock.clapiRequestLock(lockPtr=0x..) mutexRc=0 rc=0".
+constexpr char kMutexOk[] = " mutexRc=0 rc=0";
+inline std::string lockLine(const std::string &pointWord, const char *op, const void *lock, const char *rest = "") {
+  return pointWord + "  clapi_lock.clapi" + op + "Lock(lockPtr=" + ptrText(lock) + ")" + rest;
+}
 
 class TraceFileTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_FALSE(scratch().path().empty()) << "no scratch directory";
-    ASSERT_EQ(QVA_setAPITraceLevel(0), QVA_OK);
     static int counter = 0;
+    ASSERT_FALSE(scratch().path().empty()) << "no scratch directory";
     path_ = scratch().file("trace-" + std::to_string(++counter) + ".trc");
     // At level 0 the switch writes nothing, so each file starts empty.
-    ASSERT_EQ(QVA_setAPITraceFile(path_.c_str()), QVA_OK);
+    for (int rc : {QVA_setAPITraceLevel(0), QVA_setAPITraceFile(path_.c_str())}) ASSERT_EQ(rc, QVA_OK);
   }
   void TearDown() override {
     QVA_setAPITraceLevel(0);
@@ -50,8 +53,8 @@ class TraceFileTest : public ::testing::Test {
   }
   void mark() { mark_ = readLines(path_).size(); }
   Lines sinceMark() const {
-    Lines lines = all();
-    return mark_ >= lines.size() ? Lines{} : Lines(lines.begin() + static_cast<std::ptrdiff_t>(mark_), lines.end());
+    const Lines lines = all();
+    return Lines(lines.begin() + static_cast<std::ptrdiff_t>(std::min(mark_, lines.size())), lines.end());
   }
 
  private:
