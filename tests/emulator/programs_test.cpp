@@ -55,21 +55,6 @@ TEST_F(ProgramsTest, EachProgramAnswersAsDocumented) {
   }
 }
 
-TEST_F(ProgramsTest, SleepWaitsThenEchoesUnlessTheTimeoutComesFirst) {
-  auto t0 = std::chrono::steady_clock::now();
-  ProgramReply r = run(prog("SLEEP", "60 ms"));
-  EXPECT_GE(std::chrono::steady_clock::now() - t0, 60ms);
-  EXPECT_EQ(r.replyRc, 0);
-  EXPECT_EQ(r.data, ascii("60 ms"));
-  Call c = prog("SLEEP", "5000");
-  c.timeout = 1;
-  t0 = std::chrono::steady_clock::now();
-  EXPECT_EQ(run(c).replyRc, -6);
-  const auto took = std::chrono::steady_clock::now() - t0;
-  EXPECT_GE(took, 1s);
-  EXPECT_LT(took, 4s);
-}
-
 TEST_F(ProgramsTest, UnitOfWorkTokensFollowTheExtendModes) {
   Call c = prog("ECHO", "luw");
   c.extendMode = 1;

@@ -81,43 +81,6 @@ TEST(Concurrency, StopClosesEveryConnectionEvenMidRequestOrMidSleep) {
   EXPECT_FALSE(late.connect(gw.port()));
 }
 
-TEST(Concurrency, DropConnectionsWhileOthersConnectAndCall) {
-  qvaemu::Gateway gw;
-  ASSERT_TRUE(gw.start());
-  std::atomic<bool> done{false};
-  std::thread dropper([&] {
-    for (; !done.load(); std::this_thread::yield()) gw.dropConnections();
-  });
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 20; ++i) {
-        Client c;
-        ProgramReply r;
-        if (open(c, gw.port())) rawclient::call(c, prog("ECHO", "drop"), r);  // answered or cut: both fine
-      }
-    });
-  }
-  for (auto& th : threads) th.join();
-  done = true;
-  dropper.join();
-  gw.stop();
-  EXPECT_GE(gw.connectionCount(), 1u);
-}
-
-TEST(Concurrency, DestructorStopsAGatewayWithASilentConnection) {
-  Client c;
-  {
-    qvaemu::Gateway gw;
-    ASSERT_TRUE(gw.start());
-    gw.setFault({.fault = qvaemu::Fault::NeverAnswer});
-    ASSERT_TRUE(c.connect(gw.port()));
-    ASSERT_TRUE(c.send(handshakeRequest()));
-    ASSERT_TRUE(gw.waitForReceived(0, 55, kPatience));
-  }
-  EXPECT_TRUE(c.eofWithin());
-}
-
 // qva-gateway with these arguments, its standard output on a pipe.
 class GatewayProcess {
  public:
