@@ -13,9 +13,8 @@ namespace {
 
 using namespace wire;
 
-// A container entry as the wire carries it.
-Bytes entry(const std::string &name, uint8_t state, uint8_t type, uint32_t ccsid, const Bytes &data,
-            uint32_t announced) {
+// A container entry as the wire carries it, announcing `announced` bytes.
+Bytes entry(const std::string &name, uint8_t state, uint8_t type, uint32_t ccsid, const Bytes &data, uint32_t announced) {
   Bytes n = ascii(name);
   n.resize(16, 0);
   return cat({n, Bytes{state, 0x55, 0xAA, type}, be32(ccsid), be32(announced), data});
@@ -25,31 +24,27 @@ Bytes entry(const std::string &name, uint8_t state, uint8_t type = 1, uint32_t c
 }
 
 // A program reply carrying a return flow for a channel named `name`.
-Bytes channelReply(const std::string &name, uint32_t ccsid, uint32_t count, const Bytes &entries,
-                   const std::string &rc = "00000000") {
+Bytes channelReply(const std::string &name, uint32_t ccsid, uint32_t count, const Bytes &entries, const char *rc = "00000000") {
   Bytes n = ascii(name);
   n.resize(16, 0);
   return message(1, "ECI", cat({hex("00000001 00000077 00000000"), hex(rc), ascii("ABND"), hex("00000000 00 FF"), n,
                                 be32(ccsid), be32(count), entries}));
 }
 
-class ChannelFlowTest : public ::testing::Test {
+class ChannelFlowTest : public OverAToken {
  protected:
   void SetUp() override {
-    gateway = FakeGateway::accepting(listener.fd);
-    gateway->expect(55).send(message(5, "BASE", {}));
-    ASSERT_EQ(QVA_openRemoteGatewayConnection("127.0.0.1", listener.port, &token, 5), QVA_OK);
-    makeChannel();
+    OverAToken::SetUp();
     parms.eci_version = ECI_VERSION_4;
-    parms.eci_call_type = ECI_SYNC;
     std::memcpy(parms.eci_program_name, "CHPROG  ", 8);
-    std::memcpy(parms.eci_userid, "USER0001        ", 16);
-    std::memcpy(parms.eci_password, kPassword.data(), 16);
-    std::memcpy(parms.eci_transid, "TRN1", 4);
-    std::memcpy(parms.eci_system_name, "SYSTEM01", 8);
-    parms.eci_timeout = 0x0102;
+    parms.eci_commarea = nullptr;
+    parms.eci_commarea_length = 0;
+    makeChannel();
   }
-
+  void TearDown() override {
+    OverAToken::TearDown();
+    EXPECT_EQ(ECI_deleteAllChannels(), ECI_NO_ERROR);
+  }
   // DEL, MOD and KEEP, newest first; the channel CCSID is 1208.
   void makeChannel() {
     ASSERT_EQ(ECI_createChannel("CHANNEL", &channel), ECI_NO_ERROR);
@@ -58,85 +53,62 @@ class ChannelFlowTest : public ::testing::Test {
     ASSERT_EQ(ECI_createContainer(channel, "DEL", ECI_BIT, 0, "zz", 2), ECI_NO_ERROR);
     parms.eci_channel = channel;
   }
-  void TearDown() override {
-    gateway->expect(33).send(message(10, "BASE", {}));
-    EXPECT_EQ(QVA_closeGatewayConnection(&token), QVA_OK);
-    EXPECT_TRUE(gateway->drain()) << gateway->errors();
-    EXPECT_EQ(ECI_deleteAllChannels(), ECI_NO_ERROR);
-    QVA_setAPITraceLevel(0);
-  }
-
-  // The channel as "NAME:type:ccsid:data" in list order.
+  // The channel as "NAME:type:ccsid:data " in list order.
   std::string contents() {
     std::ostringstream out;
-    for (Container *c = channel->firstCont; c != nullptr; c = c->nextCont) {
+    for (Container *c = channel->firstCont; c != nullptr; c = c->nextCont)
       out << std::string(c->name, strnlen(c->name, 16)) << ":" << c->type << ":" << c->ccsid << ":"
           << std::string(reinterpret_cast<char *>(c->dataPtr), c->dataLength) << " ";
-    }
     return out.str();
   }
-
-  // A call whose reply is `reply`; the request is read whole first.
-  int call(const Bytes &reply) {
-    gateway->expect(requestSize()).send(reply);
-    int rc = QVA_ECI_Execute_Channel(token, &parms);
-    EXPECT_TRUE(gateway->drain()) << gateway->errors();
-    return rc;
-  }
-  // Header, the fixed fields of a call, then 24 for the channel and 28 plus
-  // the data for each container.
-  size_t requestSize() {
+  // A call answered with `reply` once its request has been read whole: the
+  // header and fixed fields, 24 bytes for the channel and 28 plus the data
+  // for each container.
+  int call(const Bytes &reply, bool hangUp = false) {
     size_t size = 32 + 95 + 24;
     for (Container *c = channel->firstCont; c != nullptr; c = c->nextCont) size += 28 + c->dataLength;
-    return size;
+    serve(reply, size, hangUp);
+    const int rc = QVA_ECI_Execute_Channel(token, &parms);
+    EXPECT_EQ(gateway->finish(), "");
+    return rc;
   }
-
-  Listener listener;
-  std::unique_ptr<FakeGateway> gateway;
-  QvaGatewayToken *token = nullptr;
   QvaChannel *channel = nullptr;
-  ECI_PARMS parms{};
 };
 
+// The password is sent as it is, masked in the trace and intact after the call.
 TEST_F(ChannelFlowTest, RequestCarriesTheChannelNewestFirstEveryEntryAsAdded) {
   ASSERT_EQ(ECI_createContainer(channel, "EMPTY", ECI_CHAR, 0, nullptr, 0), ECI_NO_ERROR);
+  TraceCapture trace(5);
   ASSERT_EQ(call(channelReply("CHANNEL", 1208, 0, {})), QVA_OK);
-  const Bytes expected = cat(
-      {header(1, "ECI", 95 + 24 + 4 * 28 + 9), hex("00000001 00000000 00000000 00000000 00 00000008"),
-       ascii("SYSTEM01USER0001        "), ascii(kPassword), ascii("CHPROG  TRN1"), hex("00000000 00000000 00 00 FF"),
-       ascii("CHANNEL"), fill(9, 0), hex("000004B8 00000004"),                      // CCSID 1208, 4 containers
-       ascii("EMPTY"), fill(11, 0), hex("01000002 000004B8 00000000"),               // the channel's CCSID
-       ascii("DEL"), fill(13, 0), hex("01000001 00000000 00000002"), ascii("zz"),
-       ascii("MOD"), fill(13, 0), hex("01000002 000004B8 00000003"), ascii("abc"),
-       ascii("KEEP"), fill(12, 0), hex("01000001 00000000 00000004"), ascii("keep"),
-       hex("0102 00 FFFFFFFF 00000000")});
-  EXPECT_EQ(gateway->request(1), expected);
+  const std::string text = trace.text();
+  EXPECT_EQ(std::string(parms.eci_password, 16), kPassword);
+  EXPECT_EQ(text.find(kPassword.substr(0, 8)), std::string::npos);
+  // Both dumps of the block show the caller's own address.
+  EXPECT_EQ(countLines(text, 3357, "DATA", "API\\.QVA_ECI_Execute_Channel EciParms=" + ptrText(&parms) + " len=94 stopword=00000000"), 2);
+  EXPECT_EQ(countLines(text, 3244, "ENTRY", "clapi_socketcomms\\.writeChannel\\(.*"), 1);
+  EXPECT_EQ(countLines(text, 3359, "EXIT", "API\\.QVA_ECI_Execute_Channel\\(\\) rc=0 \\(QVA_OK\\)"), 1);
+  EXPECT_EQ(gateway->requests[1],
+            cat({header(1, "ECI", 95 + 24 + 4 * 28 + 9), hex("00000001 00000000 01020304 00000000 00 00000008"),
+                 ascii("SYSTEM01USER0001        "), ascii(kPassword), ascii("CHPROG  TRN1"), hex("00000000 00000000 00 00 FF"),
+                 ascii("CHANNEL"), fill(9, 0), hex("000004B8 00000004"),          // CCSID 1208, 4 containers
+                 ascii("EMPTY"), fill(11, 0), hex("01000002 000004B8 00000000"),  // the channel's CCSID
+                 ascii("DEL"), fill(13, 0), hex("01000001 00000000 00000002"), ascii("zz"), ascii("MOD"), fill(13, 0),
+                 hex("01000002 000004B8 00000003"), ascii("abc"), ascii("KEEP"), fill(12, 0),
+                 hex("01000001 00000000 00000004"), ascii("keep"), hex("0102 00 FFFFFFFF 00000000")}));
   EXPECT_EQ(std::string(parms.eci_abend_code, 4), "ABND");
   EXPECT_EQ(parms.eci_luw_token, 0x77);
-}
-
-TEST_F(ChannelFlowTest, AnEmptyChannelIsTwentyFourBytesAndGetsTheLocaleCcsid) {
-  QvaChannel *empty = nullptr;
-  ASSERT_EQ(ECI_createChannel("E", &empty), ECI_NO_ERROR);
-  parms.eci_channel = empty;
+  // An empty channel is 24 bytes and gets the CCSID of the locale.
+  ASSERT_EQ(ECI_createChannel("E", &channel), ECI_NO_ERROR);
+  parms.eci_channel = channel;
   unsetenv("LANG");
-  gateway->expect(32 + 95 + 24).send(channelReply("E", 819, 0, {}));
-  ASSERT_EQ(QVA_ECI_Execute_Channel(token, &parms), QVA_OK);
-  ASSERT_TRUE(gateway->drain()) << gateway->errors();
-  EXPECT_EQ(slice(gateway->request(1), 32 + 95 - 11, 24), cat({ascii("E"), fill(15, 0), hex("00000333 00000000")}));
+  ASSERT_EQ(call(channelReply("E", 819, 0, {})), QVA_OK);
+  EXPECT_EQ(slice(gateway->requests.back(), 32 + 95 - 11, 24), cat({ascii("E"), fill(15, 0), hex("00000333 00000000")}));
 }
-
-struct MergeCase {
-  const char *what;
-  uint32_t count;
-  Bytes entries;
-  int rc;
-  std::string after;  // the channel afterwards, in list order
-};
 
 TEST_F(ChannelFlowTest, ReturnFlowsMergeUpToTheFirstFailingEntry) {
   const std::string start = "DEL:1:0:zz MOD:2:1208:abc KEEP:1:0:keep ";
-  const MergeCase cases[] = {
+  // What, the entry count, the entries, the rc, the channel afterwards in list order.
+  const std::tuple<const char *, uint32_t, Bytes, int, std::string> cases[] = {
       {"every state", 4,
        cat({entry("NEW", 1, 2, 37, "new"), entry("DEL", 2), entry("MOD", 3, 1, 500, "ABCDEF"), entry("KEEP", 4)}), QVA_OK,
        "NEW:2:37:new MOD:1:500:ABCDEF KEEP:1:0:keep "},
@@ -159,11 +131,11 @@ TEST_F(ChannelFlowTest, ReturnFlowsMergeUpToTheFirstFailingEntry) {
        "MOD:2:1208:abc KEEP:1:0:keep "},
       {"a huge count", 0x7FFFFFFF, entry("KEEP", 4), QVA_ERR_SYSTEM_ERROR, start},
   };
-  for (const MergeCase &c : cases) {
-    SCOPED_TRACE(c.what);
-    EXPECT_EQ(call(channelReply("CHANNEL", 1208, c.count, c.entries)), c.rc);
-    EXPECT_EQ(contents(), c.after);
-    EXPECT_EQ(channel->numContainers, static_cast<int32_t>(std::count(c.after.begin(), c.after.end(), ' ')));
+  for (const auto &[what, count, entries, rc, after] : cases) {
+    SCOPED_TRACE(what);
+    EXPECT_EQ(call(channelReply("CHANNEL", 1208, count, entries)), rc);
+    EXPECT_EQ(contents(), after);
+    EXPECT_EQ(channel->numContainers, static_cast<int32_t>(std::count(after.begin(), after.end(), ' ')));
     // The connection is still in step for the next call.
     ASSERT_EQ(call(channelReply("CHANNEL", 1208, 0, {})), QVA_OK);
     ASSERT_EQ(ECI_deleteChannel(&channel), ECI_NO_ERROR);
@@ -171,6 +143,8 @@ TEST_F(ChannelFlowTest, ReturnFlowsMergeUpToTheFirstFailingEntry) {
   }
 }
 
+// The reply rc comes back with the merge; a walk standing on a deleted
+// container steps back rather than stay on freed memory.
 TEST_F(ChannelFlowTest, SameLengthRewritesInPlaceAndTheReplyMayRenameTheChannel) {
   Container *mod = findContainer(channel, "MOD");
   uint8_t *before = mod->dataPtr;
@@ -193,65 +167,36 @@ TEST_F(ChannelFlowTest, AReplyCutShortLeavesEachContainerWhole) {
                            entry("NEW", 1, 1, 0, ascii("WXY"), 4)}) {
     Bytes reply = channelReply("CHANNEL", 1208, 1, cat({cut, ascii("Z")}));
     reply.pop_back();  // the header counts a byte that never comes
-    gateway->expect(requestSize()).send(reply).hangUp();
-    EXPECT_EQ(QVA_ECI_Execute_Channel(token, &parms), QVA_ERR_LOSTGWCON);
-    EXPECT_TRUE(gateway->drain()) << gateway->errors();
+    EXPECT_EQ(call(reply, true), QVA_ERR_LOSTGWCON);
     EXPECT_EQ(contents(), "DEL:1:0:zz MOD:2:1208:abc KEEP:1:0:keep ");
     ASSERT_EQ(QVA_closeGatewayConnection(&token), QVA_OK);
-    gateway = FakeGateway::accepting(listener.fd);
-    gateway->expect(55).send(message(5, "BASE", {}));
-    ASSERT_EQ(QVA_openRemoteGatewayConnection("127.0.0.1", listener.port, &token, 5), QVA_OK);
+    open();
   }
 }
 
 TEST_F(ChannelFlowTest, BadCallsAreRefusedBeforeAnythingIsSent) {
   int notAChannel[32] = {};
-  char area[4];
-  const struct {
-    const char *what;
-    std::function<void(ECI_PARMS &)> change;
-    int rc;
-  } cases[] = {
-      {"version 3", [](ECI_PARMS &p) { p.eci_version = 3; }, ECI_ERR_INVALID_VERSION},
-      {"no channel", [](ECI_PARMS &p) { p.eci_channel = nullptr; }, ECI_ERR_INVALID_CHANNEL},
-      {"a COMMAREA too", [&](ECI_PARMS &p) { p.eci_commarea = area, p.eci_commarea_length = 4; },
-       ECI_ERR_COMMAREA_AND_CHANNEL},
-      {"not a channel", [&](ECI_PARMS &p) { p.eci_channel = reinterpret_cast<QvaChannel *>(notAChannel); },
-       ECI_ERR_INVALID_CHANNEL},
+  char area4[4];
+  const std::pair<std::function<void(ECI_PARMS &)>, int> cases[] = {
+      {[](ECI_PARMS &p) { p.eci_version = 3; }, ECI_ERR_INVALID_VERSION},
+      {[](ECI_PARMS &p) { p.eci_channel = nullptr; }, ECI_ERR_INVALID_CHANNEL},
+      {[&](ECI_PARMS &p) { p.eci_commarea = area4, p.eci_commarea_length = 4; }, ECI_ERR_COMMAREA_AND_CHANNEL},
+      {[&](ECI_PARMS &p) { p.eci_channel = reinterpret_cast<QvaChannel *>(notAChannel); }, ECI_ERR_INVALID_CHANNEL},
   };
-  for (const auto &c : cases) {
+  for (const auto &[change, rc] : cases) {
     ECI_PARMS changed = parms;
-    c.change(changed);
-    EXPECT_EQ(QVA_ECI_Execute_Channel(token, &changed), c.rc) << c.what;
+    change(changed);
+    EXPECT_EQ(QVA_ECI_Execute_Channel(token, &changed), rc);
   }
   // Lengths that only the 64-bit sum holds: 2 GiB of data cannot be sent
   // with a 32-bit size. Refused before any byte is read from the blocks.
-  Container *keep = findContainer(channel, "KEEP");
-  Container *mod = findContainer(channel, "MOD");
+  Container *keep = findContainer(channel, "KEEP"), *mod = findContainer(channel, "MOD");
   const uint32_t keepLength = keep->dataLength, modLength = mod->dataLength;
-  keep->dataLength = 0x7FFFFF00u;
-  mod->dataLength = 0x7FFFFF00u;
+  keep->dataLength = mod->dataLength = 0x7FFFFF00u;
   EXPECT_EQ(QVA_ECI_Execute_Channel(token, &parms), QVA_ERR_INVALID_DATA_LENGTH);
-  keep->dataLength = keepLength;
-  mod->dataLength = modLength;
+  keep->dataLength = keepLength, mod->dataLength = modLength;
   EXPECT_EQ(QVA_ECI_Execute_Channel(nullptr, nullptr), QVA_ERR_NULLGWTOK);
   EXPECT_EQ(QVA_ECI_Execute_Channel(token, nullptr), QVA_ERR_NULLECIPOINTER);
-  ASSERT_TRUE(gateway->drain());
-  EXPECT_EQ(gateway->unread(), Bytes{});
-}
-
-TEST_F(ChannelFlowTest, ThePasswordIsMaskedInTheTraceAndIntactAfterTheCall) {
-  TraceCapture trace(5);
-  ASSERT_EQ(call(channelReply("CHANNEL", 1208, 0, {})), QVA_OK);
-  EXPECT_EQ(std::string(parms.eci_password, 16), kPassword);
-  const std::string text = trace.text();
-  EXPECT_EQ(text.find(kPassword.substr(0, 8)), std::string::npos);
-  // Both dumps of the block show the caller's own address.
-  EXPECT_EQ(countLines(text, 3357, "DATA",
-                       "API\\.QVA_ECI_Execute_Channel EciParms=" + ptrText(&parms) + " len=94 stopword=00000000"),
-            2);
-  EXPECT_EQ(countLines(text, 3244, "ENTRY", "clapi_socketcomms\\.writeChannel\\(.*"), 1);
-  EXPECT_EQ(countLines(text, 3359, "EXIT", "API\\.QVA_ECI_Execute_Channel\\(\\) rc=0 \\(QVA_OK\\)"), 1);
 }
 
 }  // namespace

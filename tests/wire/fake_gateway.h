@@ -1,25 +1,25 @@
-// The scripted fake Gateway of the wire tests, in a thread of its own.
+// What the wire tests share: a scripted fake Gateway, and a gateway token
+// opened through one.
 //
-// It knows nothing of the protocol: it reads exactly the number of bytes a
-// test tells it to, records them, and answers with the literal bytes it is
-// given. A layout mistake made the same way in the library and in a peer
-// derived from it cannot pass here.
+// The fake Gateway knows nothing of the protocol: its script, run in a thread
+// of its own, reads exactly the number of bytes the test tells it to, records
+// them, and answers with the literal bytes it is given. A layout mistake made
+// the same way in the library and in a peer derived from it cannot pass here.
 #ifndef QVA_TESTS_FAKE_GATEWAY_H
 #define QVA_TESTS_FAKE_GATEWAY_H
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <cstring>
-#include <deque>
 #include <functional>
-#include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "clapi_diag.h"
+#include "clapi_gwytok.h"
 #include "qvaclient/qvaclient.h"
 #include "qvatest/bytes.h"
 #include "qvatest/net.h"
@@ -29,182 +29,142 @@ namespace wire {
 
 using namespace qvatest;
 
+// Polls, bounded, until the condition holds.
+inline bool waitFor(const std::function<bool()> &condition) {
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  for (; !condition(); std::this_thread::yield())
+    if (std::chrono::steady_clock::now() > deadline) return false;
+  return true;
+}
+
 class FakeGateway {
  public:
-  // Talks over an already connected descriptor, which it then owns.
-  static std::unique_ptr<FakeGateway> onSocket(int fd) {
-    return std::unique_ptr<FakeGateway>(new FakeGateway(fd, -1));
-  }
-  // Accepts one connection on a listening descriptor (not owned) first.
-  static std::unique_ptr<FakeGateway> accepting(int listenFd) {
-    return std::unique_ptr<FakeGateway>(new FakeGateway(-1, listenFd));
-  }
-
+  // On a connected descriptor, not owned; or on one accepted by the first script.
+  explicit FakeGateway(int fd = -1) : fd_(fd) {}
+  FakeGateway(int fd, const std::function<void(FakeGateway &)> &script) : fd_(fd) { run(script); }
   FakeGateway(const FakeGateway &) = delete;
   FakeGateway &operator=(const FakeGateway &) = delete;
-
   ~FakeGateway() {
-    {
-      std::lock_guard<std::mutex> g(mutex_);
-      stop_ = true;
+    finish();
+    if (owned_) ::close(fd_);
+  }
+  // Starts a script; finish() waits for its end and says what went wrong, if anything.
+  void run(const std::function<void(FakeGateway &)> &script) {
+    finish();
+    thread_ = std::thread([this, script] { script(*this); });
+  }
+  std::string finish() {
+    if (thread_.joinable()) thread_.join();
+    return std::exchange(error_, "");
+  }
+
+  // ---- For the script. After a failure the connection is shut, so that a
+  // client waiting for a reply wakes up, and the rest of the script does nothing.
+  bool check(bool good, const std::string &what) {
+    if (!good && error_.empty()) {
+      error_ = what;
+      ::shutdown(fd_, SHUT_RDWR);
     }
-    wake_.notify_all();
-    worker_.join();
-    if (fd_ >= 0) ::close(fd_);
+    return good;
   }
+  void accept(int listenFd) {
+    pollfd p{listenFd, POLLIN, 0};
+    const bool ready = ::poll(&p, 1, static_cast<int>(kPatience.count())) == 1;
+    const int fd = ready ? ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+    if (check(fd >= 0, "no client connected")) {
+      fd_ = fd;
+      owned_ = true;
+    }
+  }
+  // Reads exactly count bytes, recorded as the next request.
+  void expect(size_t count) {
+    requests.push_back(error_.empty() ? recvExactly(fd_, count) : Bytes{});
+    check(requests.back().size() == count, "expected " + std::to_string(count) + " bytes, the connection gave fewer");
+  }
+  void send(const Bytes &data) {
+    if (error_.empty()) check(sendAll(fd_, data), "send failed");
+  }
+  // Sends each piece once the client has read the one before, so that no
+  // receive of the client gets more than one piece.
+  void sendInPieces(const std::vector<Bytes> &pieces, int clientFd) {
+    for (const Bytes &piece : pieces) {
+      send(piece);
+      check(&piece == &pieces.back() || waitFor([=] { return pendingBytes(clientFd) == 0; }), "the client stopped");
+    }
+  }
+  // The client sees an orderly close.
+  void hangUp() { ::shutdown(fd_, SHUT_RDWR); }
 
-  // Reads exactly count bytes and records them as the next request.
-  FakeGateway &expect(size_t count) {
-    return push([this, count] {
-      Bytes got = qvatest::recvExactly(fd_, count);
-      bool whole = got.size() == count;
-      {
-        std::lock_guard<std::mutex> g(mutex_);
-        received_.push_back(std::move(got));
-      }
-      if (!whole) fail("expected " + std::to_string(count) + " bytes, the connection gave fewer");
-      return whole;
-    });
-  }
-
-  FakeGateway &send(Bytes data) {
-    return push([this, data = std::move(data)] {
-      if (qvatest::sendAll(fd_, data)) return true;
-      fail("send to the client failed");
-      return false;
-    });
-  }
-
-  // Closes the connection; the client sees an orderly close.
-  FakeGateway &hangUp() {
-    return push([this] {
-      ::close(fd_);
-      fd_ = -1;
-      return true;
-    });
-  }
-
-  // Any other step, run in the fake Gateway's thread with the connection.
-  FakeGateway &then(std::function<bool(int fd)> step) {
-    return push([this, step = std::move(step)] {
-      if (step(fd_)) return true;
-      fail("scripted step failed");
-      return false;
-    });
-  }
-
-  // Waits until every queued step has run; true when none failed.
-  bool drain() {
-    std::unique_lock<std::mutex> g(mutex_);
-    bool done = idle_.wait_for(g, 2 * kPatience, [this] { return steps_.empty() && !busy_; });
-    if (!done) errors_.push_back("steps still pending");
-    return errors_.empty();
-  }
-
-  Bytes request(size_t index) {
-    std::lock_guard<std::mutex> g(mutex_);
-    return index < received_.size() ? received_[index] : Bytes{};
-  }
-
-  size_t requestCount() {
-    std::lock_guard<std::mutex> g(mutex_);
-    return received_.size();
-  }
-
-  std::string errors() {
-    std::lock_guard<std::mutex> g(mutex_);
-    std::string out;
-    for (const auto &e : errors_) out += e + "; ";
-    return out;
-  }
-
-  // Bytes the client sent that no step has read; call after drain().
-  Bytes unread() {
-    std::lock_guard<std::mutex> g(mutex_);
-    return fd_ >= 0 ? qvatest::drainNow(fd_) : Bytes{};
-  }
+  // ---- After finish(): what was received, and what the client sent that no step read.
+  Bytes unread() { return drainNow(fd_); }
+  std::vector<Bytes> requests;
 
  private:
-  FakeGateway(int fd, int listenFd) : fd_(fd), listenFd_(listenFd) {
-    if (listenFd_ >= 0) {
-      push([this] {
-        pollfd p{listenFd_, POLLIN, 0};
-        if (::poll(&p, 1, static_cast<int>(kPatience.count())) == 1) fd_ = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd_ >= 0) return true;
-        fail("no client connected");
-        return false;
-      });
-    }
-    worker_ = std::thread([this] { run(); });
-  }
-
-  FakeGateway &push(std::function<bool()> step) {
-    {
-      std::lock_guard<std::mutex> g(mutex_);
-      steps_.push_back(std::move(step));
-    }
-    wake_.notify_all();
-    return *this;
-  }
-
-  void fail(const std::string &why) {
-    std::lock_guard<std::mutex> g(mutex_);
-    errors_.push_back(why);
-  }
-
-  void run() {
-    bool broken = false;
-    for (;;) {
-      std::function<bool()> step;
-      {
-        std::unique_lock<std::mutex> g(mutex_);
-        wake_.wait(g, [this] { return stop_ || !steps_.empty(); });
-        if (steps_.empty()) return;
-        step = std::move(steps_.front());
-        steps_.pop_front();
-        busy_ = true;
-      }
-      // After a failure the connection is dropped, so that a client waiting
-      // for a reply wakes up instead of waiting forever.
-      if (!broken && !step()) {
-        broken = true;
-        if (fd_ >= 0) ::shutdown(fd_, SHUT_RDWR);
-      }
-      {
-        std::lock_guard<std::mutex> g(mutex_);
-        busy_ = false;
-      }
-      idle_.notify_all();
-    }
-  }
-
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::condition_variable idle_;
-  std::deque<std::function<bool()>> steps_;
-  std::vector<Bytes> received_;
-  std::vector<std::string> errors_;
-  bool busy_ = false;
-  bool stop_ = false;
   int fd_;
-  int listenFd_;
-  std::thread worker_;
+  bool owned_ = false;
+  std::string error_;
+  std::thread thread_;
 };
 
-// Test data of the ECI tests: caller's areas start stale and end in a guard.
-inline constexpr uint8_t kGuard = 0xA5;
+// Callers' areas start stale and end in a guard.
+inline constexpr uint8_t kGuard = 0xA5, kStale = 0x5A;
 inline constexpr size_t kGuardSize = 16;
-inline constexpr uint8_t kStale = 0x5A;
+inline Bytes guarded(size_t size) { return cat({fill(size, kStale), fill(kGuardSize, kGuard)}); }
+inline Bytes unguarded(const Bytes &area) { return slice(area, 0, area.size() - kGuardSize); }
+inline bool guardIntact(const Bytes &area) {
+  return slice(area, area.size() - kGuardSize, kGuardSize) == fill(kGuardSize, kGuard);
+}
 inline const std::string kPassword = "S3cr3tPassw0rd!!";
 
 // Makes every socket-buffer allocation fail while it lives.
-class FailSocketBufferAllocs {
- public:
-  FailSocketBufferAllocs() { setAllocFailHook(&FailSocketBufferAllocs::hook); }
+struct FailSocketBufferAllocs {
+  FailSocketBufferAllocs() {
+    setAllocFailHook([](uint32_t, const char *tag) { return tag != nullptr && std::strncmp(tag, "SCKB", 4) == 0; });
+  }
   ~FailSocketBufferAllocs() { setAllocFailHook(nullptr); }
+};
 
- private:
-  static bool hook(uint32_t, const char *tag) { return tag != nullptr && std::strncmp(tag, "SCKB", 4) == 0; }
+// A gateway token opened with the real handshake against a fake Gateway and
+// closed with a close request at the end, and an ECI parameter block for a
+// 100-byte COMMAREA that starts stale and ends in a guard.
+class OverAToken : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    open();
+    parms.eci_version = 3, parms.eci_call_type = ECI_SYNC, parms.eci_timeout = 0x0102, parms.eci_luw_token = 0x01020304;
+    parms.eci_commarea = area.data(), parms.eci_commarea_length = 100;
+    std::memcpy(parms.eci_program_name, "PROGRAM1", 8);
+    std::memcpy(parms.eci_userid, "USER0001        ", 16);
+    std::memcpy(parms.eci_password, kPassword.data(), 16);
+    std::memcpy(parms.eci_transid, "TRN1", 4);
+    std::memcpy(parms.eci_system_name, "SYSTEM01", 8);
+  }
+  void TearDown() override {
+    if (token == nullptr) return;
+    serve(message(10, "BASE", {}), 33);
+    EXPECT_EQ(QVA_closeGatewayConnection(&token), QVA_OK);
+    EXPECT_EQ(gateway->finish(), "");
+    EXPECT_EQ(gateway->requests.front(), handshakeRequest());
+    EXPECT_EQ(gateway->requests.back(), closeRequest()) << "the close request, and no stray bytes before it";
+  }
+  void open() {
+    gateway = std::make_unique<FakeGateway>();
+    gateway->run([this](FakeGateway &g) { g.accept(listener.fd), g.expect(55), g.send(message(5, "BASE", {})); });
+    ASSERT_EQ(QVA_openRemoteGatewayConnection("127.0.0.1", listener.port, &token, 5), QVA_OK);
+  }
+  // Reads a request of `size` bytes and answers with `reply`, then hangs up if asked to.
+  void serve(const Bytes &reply, size_t size, bool hangUp = false) {
+    gateway->run([=](FakeGateway &g) {
+      g.expect(size), g.send(reply);
+      if (hangUp) g.hangUp();
+    });
+  }
+
+  Listener listener;
+  std::unique_ptr<FakeGateway> gateway;
+  QvaGatewayToken *token = nullptr;
+  Bytes area = guarded(100);
+  ECI_PARMS parms{};
 };
 
 }  // namespace wire

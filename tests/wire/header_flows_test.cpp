@@ -1,10 +1,18 @@
-// The message header and the handshake and close flows against a scripted
-// fake Gateway on the other end of a socketpair.
+// The handshake and close flows against a scripted fake Gateway on the other
+// end of a socketpair, and the blocking socket calls of a flow cut short, by
+// a signal or by a peer that delivers a reply in pieces: each such call is
+// continued or retried, none fails the flow. The fake Gateway signals the
+// client thread only once that thread is asleep in the kernel.
 
 #include <sys/resource.h>
+#include <sys/syscall.h>
 
+#include <atomic>
 #include <cerrno>
+#include <csignal>
+#include <fstream>
 
+#include "clapi_socketbuffer.h"
 #include "clapi_socketcomms.h"
 #include "fake_gateway.h"
 
@@ -12,153 +20,191 @@ namespace {
 
 using namespace wire;
 
+std::atomic<int> signalsTaken{0};
+
 class HeaderFlowsTest : public ::testing::Test {
  protected:
-  void SetUp() override { gateway = FakeGateway::onSocket(pair.releasePeer()); }
+  void SetUp() override {
+    struct sigaction action {};
+    action.sa_handler = [](int) { signalsTaken.fetch_add(1); };
+    action.sa_flags = 0;  // no SA_RESTART: blocking calls return EINTR
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
+    signalsTaken = 0;
+  }
+  void TearDown() override { sigaction(SIGUSR1, &previous, nullptr); }
+
+  // For the fake Gateway's script: once the client thread sleeps in the
+  // kernel with nothing to read, interrupt it.
+  bool interruptClient(int clientFd) {
+    const auto asleep = [tid = clientTid] {
+      std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/stat");
+      const std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+      return stat.size() > stat.rfind(')') + 2 && stat[stat.rfind(')') + 2] == 'S';
+    };
+    // Only once the handler has run and the client sleeps again may more data come: data that arrived
+    // with the signal would let the call return it instead of failing with EINTR.
+    return waitFor([&] { return asleep() && pendingBytes(clientFd) == 0; }) && pthread_kill(clientThread, SIGUSR1) == 0 &&
+           waitFor([&] { return signalsTaken > 0 && asleep(); });
+  }
+
+  const pthread_t clientThread = pthread_self();
+  const long clientTid = syscall(SYS_gettid);
   SocketPair pair;
-  std::unique_ptr<FakeGateway> gateway;
   int32_t reasons = -1;
+  struct sigaction previous {};
 };
 
-TEST_F(HeaderFlowsTest, HandshakeSendsExactly55BytesAndAcceptsAnEmptyReply) {
-  gateway->expect(55).send(hex("47617465 10800000 00000005 00000000 00000000 00000004 42415345 00 00000000"));
-  reasons = 12345;
-  EXPECT_EQ(clapiFlowHandshakeRequest(pair.client, &reasons), QVA_OK);
-  EXPECT_EQ(reasons, 0);
-  ASSERT_TRUE(gateway->drain()) << gateway->errors();
-  EXPECT_EQ(gateway->request(0),
-            hex("47 61 74 65 10 80 00 00 00 00 00 05 00 00 00 00 00 00 00 00 00 00 00 04 42 41 53 45 00 00 00 00 16"
-                "00 02 65 6E 00 02 47 42 00 00 00 00 00 00 00 00 00 00 00 00 00 00"));
-  EXPECT_TRUE(gateway->unread().empty()) << "no byte beyond the 55";
-  EXPECT_EQ(pendingBytes(pair.client), 0);
-}
-
-TEST_F(HeaderFlowsTest, CloseSendsExactly33BytesWithQualifierMinusOne) {
-  gateway->expect(33).send(message(10, "BASE", {}));
-  reasons = 12345;
-  EXPECT_EQ(clapiFlowCloseRequest(pair.client, &reasons), QVA_OK);
-  EXPECT_EQ(reasons, 0);
-  ASSERT_TRUE(gateway->drain()) << gateway->errors();
-  EXPECT_EQ(gateway->request(0), hex("47617465 10800000 0000000A 00000000 FFFFFFFF 00000004 42415345 00 00000000"));
-  EXPECT_TRUE(gateway->unread().empty());
-}
-
-// Each reply shape, how the handshake takes it, and that a reply it
-// accepts is consumed whole.
-TEST_F(HeaderFlowsTest, HandshakeRepliesAreConsumedWholeOrFailTheFlow) {
-  struct Case {
-    const char* what;
-    Bytes reply;
-    bool hangUp;
-    int rc;
-  };
-  const Case cases[] = {
+// Each reply shape, how each flow takes it, and that a reply it accepts is
+// consumed whole, so that the next flow starts at a header.
+TEST_F(HeaderFlowsTest, FlowsSendTheirRequestAndConsumeTheReplyWholeOrFail) {
+  const std::tuple<const char *, Bytes, bool, int> cases[] = {  // what, the reply, then a hang-up, the rc
+      {"empty", message(5, "BASE", {}), false, QVA_OK},
       {"body consumed", message(5, "BASE", pattern(22)), false, QVA_OK},
+      {"body longer than the buffer", message(5, "BASE", pattern(3000, 1)), false, QVA_OK},
       // 32 header bytes for a 33-byte read: the body's first byte completes it.
       {"shorter name", hex("47617465 10800000 00000005 00000000 00000000 00000003 424153 00 00000000 00"), false, QVA_OK},
-      {"longer name", message(5, "BASEX", {}), false, QVA_ERR_SYSTEM_ERROR},
       {"negative body length", hex("47617465 10800000 00000005 00000000 00000000 00000004 42415345 00 FFFFFFF0"), false,
        QVA_ERR_SYSTEM_ERROR},
       {"no reply", {}, true, QVA_ERR_LOSTGWCON},
       {"header cut short", hex("47617465 10800000 00000005"), true, QVA_ERR_LOSTGWCON},
       {"body cut short", cat({header(5, "BASE", 100), pattern(40)}), true, QVA_ERR_LOSTGWCON},
+      {"close: empty", message(10, "BASE", {}), false, QVA_OK},
+      {"close: body consumed", message(10, "BASE", pattern(12, 2)), false, QVA_OK},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
+  for (const auto &[what, reply, hangUp, rc] : cases) {
+    SCOPED_TRACE(what);
+    const bool close = std::string(what).rfind("close", 0) == 0;
     SocketPair p;
-    auto peer = FakeGateway::onSocket(p.releasePeer());
-    peer->expect(55);
-    if (!c.reply.empty()) peer->send(c.reply);
-    if (c.hangUp) peer->hangUp();
-    reasons = -1;
-    EXPECT_EQ(clapiFlowHandshakeRequest(p.client, &reasons), c.rc);
+    FakeGateway peer(p.peer, [&, close = close, reply = reply, hangUp = hangUp](FakeGateway &g) {
+      g.expect(close ? 33 : 55), g.send(reply);
+      if (hangUp) g.hangUp();
+    });
+    reasons = 12345;
+    EXPECT_EQ((close ? clapiFlowCloseRequest : clapiFlowHandshakeRequest)(p.client, &reasons), rc);
     EXPECT_EQ(reasons, 0) << "malformed replies and orderly closes carry no errno";
-    EXPECT_TRUE(peer->drain()) << peer->errors();
-    if (c.rc == QVA_OK) {
-      EXPECT_EQ(pendingBytes(p.client), 0);
-    }
+    ASSERT_EQ(peer.finish(), "");
+    EXPECT_EQ(peer.requests, std::vector<Bytes>{close ? closeRequest() : handshakeRequest()});
+    EXPECT_TRUE(peer.unread().empty()) << "no byte beyond the request";
+    if (rc == QVA_OK) { EXPECT_EQ(pendingBytes(p.client), 0); }
   }
 }
 
-TEST_F(HeaderFlowsTest, HandshakeReplyArrivingInPiecesIsReassembled) {
-  gateway->expect(55);
-  for (uint8_t b : message(5, "BASE", pattern(22))) gateway->send(Bytes{b});
-  EXPECT_EQ(clapiFlowHandshakeRequest(pair.client, &reasons), QVA_OK);
-  ASSERT_TRUE(gateway->drain()) << gateway->errors();
-  EXPECT_EQ(pendingBytes(pair.client), 0);
-}
-
-TEST_F(HeaderFlowsTest, ReplyBodiesLongerThanTheBufferAreConsumedSoTheNextFlowParses) {
-  gateway->expect(55).send(message(5, "BASE", pattern(3000, 1)));
-  gateway->expect(33).send(message(10, "BASE", pattern(12, 2)));
-  EXPECT_EQ(clapiFlowHandshakeRequest(pair.client, &reasons), QVA_OK);
-  EXPECT_EQ(pendingBytes(pair.client), 0) << "the handshake left part of its reply behind";
-  EXPECT_EQ(clapiFlowCloseRequest(pair.client, &reasons), QVA_OK);
-  EXPECT_EQ(reasons, 0);
-  ASSERT_TRUE(gateway->drain()) << gateway->errors();
-  EXPECT_EQ(pendingBytes(pair.client), 0);
-}
-
-TEST_F(HeaderFlowsTest, HandshakeTracesEntryAndExitWithItsPoints) {
-  gateway->expect(55).send(message(5, "BASE", {}));
+// On a descriptor above FD_SETSIZE, which would overflow an fd_set: the wait
+// must not use one. The body of the reply is taken by one fill.
+TEST_F(HeaderFlowsTest, HandshakeTracesItsStepsInOrderOnADescriptorAboveFdSetSize) {
+  rlimit limit{};
+  const int high = FD_SETSIZE + 200;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  if (limit.rlim_max <= static_cast<rlim_t>(high)) GTEST_SKIP() << "descriptor limit too low";
+  limit.rlim_cur = std::max(limit.rlim_cur, static_cast<rlim_t>(high) + 1);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  ASSERT_EQ(dup2(pair.client, high), high);
+  FakeGateway gateway(pair.peer, [](FakeGateway &g) { g.expect(55), g.send(message(5, "BASE", pattern(22))); });
   TraceCapture trace(3);
-  EXPECT_EQ(clapiFlowHandshakeRequest(pair.client, &reasons), QVA_OK);
+  EXPECT_EQ(clapiFlowHandshakeRequest(high, &reasons), QVA_OK);
   const std::string text = trace.text();
-  ASSERT_TRUE(gateway->drain()) << gateway->errors();
-  const std::string call = R"(clapi_socketcomms\.clapiFlowHandshakeRequest\(socketDesc=)" + std::to_string(pair.client) +
-                           R"(, \*reasons=0x[0-9a-f]+\))";
+  ::close(high);
+  ASSERT_EQ(gateway.finish(), "");
+  std::vector<int> points;
+  for (const auto &line : traceLines(text))
+    if (line.point / 10 != 109) points.push_back(line.point);  // not the trace's own switching
+  EXPECT_EQ(points, (std::vector<int>{3215, 1500, 1509, 3240, 1560, 1569, 3241, 1560, 1569, 1525, 1529, 1522, 1524, 3242,
+                                      1510, 1515, 1540, 1549, 1530, 1539, 3243, 1510, 1515, 1540, 1549, 1516, 1518, 3219}))
+      << text;
+  const std::string call =
+      R"(clapi_socketcomms\.clapiFlowHandshakeRequest\(socketDesc=)" + std::to_string(high) + R"(, \*reasons=0x[0-9a-f]+\))";
   EXPECT_EQ(countLines(text, 3215, "ENTRY", call), 1) << text;
   EXPECT_EQ(countLines(text, 3219, "EXIT", call + " rc=0"), 1);
   EXPECT_EQ(countLines(text, 3240, "ENTRY", R"(clapi_socketcomms\.writeHeader\(sockBuffer=0x[0-9a-f]+, req=0x[0-9a-f]+\))"), 1);
   EXPECT_EQ(countLines(text, 3243, "EXIT", R"(clapi_socketcomms\.readHeader\(\) rc=0)"), 1);
 }
 
-// A descriptor above FD_SETSIZE would overflow an fd_set; the wait must
-// not use one.
-TEST_F(HeaderFlowsTest, HandshakeWorksOnADescriptorAboveFdSetSize) {
-  rlimit limit{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-  const int high = FD_SETSIZE + 200;
-  if (limit.rlim_cur <= static_cast<rlim_t>(high)) {
-    if (limit.rlim_max <= static_cast<rlim_t>(high)) GTEST_SKIP() << "descriptor limit too low";
-    limit.rlim_cur = static_cast<rlim_t>(high) + 1;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-  }
-  ASSERT_EQ(dup2(pair.client, high), high);
-  gateway->expect(55).send(message(5, "BASE", pattern(10)));
-  EXPECT_EQ(clapiFlowHandshakeRequest(high, &reasons), QVA_OK);
-  ::close(high);
-  EXPECT_TRUE(gateway->drain()) << gateway->errors();
-}
-
-TEST_F(HeaderFlowsTest, AllocationFailureStopsTheFlowsBeforeAnyByteIsSent) {
-  {
-    FailSocketBufferAllocs failing;
-    EXPECT_EQ(clapiFlowHandshakeRequest(pair.client, &reasons), QVA_ERR_MALLOCFAIL);
-    EXPECT_EQ(reasons, 0);
-    reasons = -1;
-    EXPECT_EQ(clapiFlowCloseRequest(pair.client, &reasons), QVA_ERR_MALLOCFAIL);
-    EXPECT_EQ(reasons, 0);
-  }
-  ASSERT_TRUE(gateway->drain());
-  EXPECT_TRUE(gateway->unread().empty());
-}
-
-TEST_F(HeaderFlowsTest, FlowsToAGatewayThatHasGoneGiveLostConnectionWithTheErrno) {
-  gateway->hangUp();
-  ASSERT_TRUE(gateway->drain());
+TEST_F(HeaderFlowsTest, FlowsFailBeforeSendingWithoutMemoryAndAfterSendingToAGatewayThatHasGone) {
   for (auto flow : {clapiFlowHandshakeRequest, clapiFlowCloseRequest}) {
-    reasons = 0;
+    FailSocketBufferAllocs failing;
+    EXPECT_EQ(flow(pair.client, &reasons), QVA_ERR_MALLOCFAIL);
+    EXPECT_EQ(reasons, 0);
+  }
+  EXPECT_EQ(pendingBytes(pair.peer), 0) << "no byte was sent";
+  pair.closePeer();
+  for (auto flow : {clapiFlowHandshakeRequest, clapiFlowCloseRequest}) {
     EXPECT_EQ(flow(pair.client, &reasons), QVA_ERR_LOSTGWCON);
     EXPECT_TRUE(reasons == EPIPE || reasons == ECONNRESET) << "reasons=" << reasons;
+    EXPECT_EQ(flow(pair.client, nullptr), QVA_ERR_LOSTGWCON) << "reasons may be null";
   }
 }
 
-TEST_F(HeaderFlowsTest, FlowsAcceptANullReasonsPointer) {
-  gateway->expect(55).send(message(5, "BASE", {})).expect(33).send(message(10, "BASE", {}));
-  EXPECT_EQ(clapiFlowHandshakeRequest(pair.client, nullptr), QVA_OK);
-  EXPECT_EQ(clapiFlowCloseRequest(pair.client, nullptr), QVA_OK);
-  EXPECT_TRUE(gateway->drain()) << gateway->errors();
+// ---- Calls cut short ------------------------------------------------------------------------
+
+// A handshake reply whose receipt is cut short: by a signal while asleep in
+// the wait (nothing arrived yet) or in a receive mid-reply (ten bytes arrived),
+// or by a peer that delivers it one byte per receive. Each call is resumed.
+TEST_F(HeaderFlowsTest, HandshakeRepliesCutShortAreResumed) {
+  const Bytes answer = message(5, "BASE", pattern(22));
+  std::vector<Bytes> bytes;
+  for (uint8_t b : answer) bytes.push_back(Bytes{b});
+  for (const int arrived : {0, 10, -1}) {  // -1: one byte at a time
+    SocketPair p;
+    signalsTaken = 0;
+    FakeGateway peer(p.peer, [&](FakeGateway &g) {
+      g.expect(55);
+      if (arrived < 0) return g.sendInPieces(bytes, p.client);
+      g.send(slice(answer, 0, arrived)), g.check(interruptClient(p.client), "no interrupt");
+      g.send(slice(answer, arrived, 55 - arrived));
+    });
+    EXPECT_EQ(clapiFlowHandshakeRequest(p.client, &reasons), QVA_OK) << arrived;
+    EXPECT_EQ(reasons, 0);
+    EXPECT_EQ(peer.finish(), "");
+    EXPECT_GE(signalsTaken.load(), arrived < 0 ? 0 : 1);
+    EXPECT_EQ(pendingBytes(p.client), 0);
+  }
+}
+
+// A send into a full socket: a large block sent from the caller's memory is
+// cut short by the signal and continued; a flush interrupted before any byte
+// has left, because the connection was filled first, is retried.
+TEST_F(HeaderFlowsTest, InterruptedSendsAreContinuedOrRetried) {
+  for (const bool filledFirst : {false, true}) {
+    SocketPair p;
+    const int small = 4096;
+    setsockopt(p.client, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    Bytes filler;
+    for (const Bytes chunk(512, 0xF0); filledFirst && ::send(p.client, chunk.data(), chunk.size(), MSG_DONTWAIT) > 0;)
+      filler.insert(filler.end(), chunk.begin(), chunk.end());
+    const Bytes block = pattern(filledFirst ? 600 : 256 * 1024, 11);
+    signalsTaken = 0;
+    FakeGateway peer(p.peer, [&](FakeGateway &g) {
+      g.check(interruptClient(p.client), "no interrupt"), g.expect(filler.size() + block.size());
+    });
+    SocketBuffer sb{};
+    ASSERT_EQ(initWriteBuffer(&sb, p.client, static_cast<uint32_t>(block.size())), QVA_OK);
+    writeBytes(&sb, block.data(), static_cast<uint32_t>(block.size()));
+    EXPECT_EQ(flushBuffer(&sb), QVA_OK) << filledFirst;
+    EXPECT_EQ(std::make_tuple(sb.lastErrno, sb.bytesRemaining), std::make_tuple(0, 0u));
+    EXPECT_EQ(freeBuffer(&sb), QVA_OK);
+    ASSERT_EQ(peer.finish(), "");
+    EXPECT_GE(signalsTaken.load(), 1);
+    EXPECT_EQ(peer.requests, std::vector<Bytes>{cat({filler, block})});
+    EXPECT_TRUE(peer.unread().empty());
+  }
+}
+
+// A block read straight into the caller's memory whose first receive gets a
+// single byte is continued: the fill takes 1024 bytes and leaves one.
+TEST_F(HeaderFlowsTest, ABlockReadIntoTheCallersMemoryIsContinuedAfterAShortReceive) {
+  const Bytes message = pattern(3000, 5);
+  FakeGateway gateway(pair.peer, [&](FakeGateway &g) {
+    g.sendInPieces({slice(message, 0, 1025), slice(message, 1025, 1975)}, pair.client);
+  });
+  SocketBuffer sb{};
+  ASSERT_EQ(initReadBuffer(&sb, pair.client, 3000), QVA_OK);
+  Bytes got(3000);
+  readBytes(&sb, got.data(), 4);
+  readBytes(&sb, got.data() + 4, 2996);
+  EXPECT_EQ(got, message);
+  EXPECT_EQ(std::make_tuple(sb.failure, sb.bytesRemaining), std::make_tuple(0, 0u));
+  EXPECT_EQ(freeBuffer(&sb), QVA_OK);
+  EXPECT_EQ(gateway.finish(), "");
 }
 
 }  // namespace
