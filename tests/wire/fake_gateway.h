@@ -1,10 +1,7 @@
-// What the wire tests share: a scripted fake Gateway, and a gateway token
-// opened through one.
-//
-// The fake Gateway knows nothing of the protocol: its script, run in a thread
-// of its own, reads exactly the number of bytes the test tells it to, records
-// them, and answers with the literal bytes it is given. A layout mistake made
-// the same way in the library and in a peer derived from it cannot pass here.
+// What the wire tests share: a scripted fake Gateway, and a gateway token opened through one. The fake Gateway
+// knows nothing of the protocol: its script, run in a thread of its own, reads exactly the number of bytes the
+// test tells it to, records them, and answers with the literal bytes it is given. A layout mistake made the same
+// way in the library and in a peer derived from it cannot pass here.
 #ifndef QVA_TESTS_FAKE_GATEWAY_H
 #define QVA_TESTS_FAKE_GATEWAY_H
 
@@ -13,6 +10,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <tuple>
 #include <utility>
@@ -89,7 +87,7 @@ class FakeGateway {
   void sendInPieces(const std::vector<Bytes> &pieces, int clientFd) {
     for (const Bytes &piece : pieces) {
       send(piece);
-      check(&piece == &pieces.back() || waitFor([=] { return pendingBytes(clientFd) == 0; }), "the client stopped");
+      if (&piece != &pieces.back() && error_.empty()) check(waitFor([=] { return pendingBytes(clientFd) == 0; }), "unread");
     }
   }
   // The client sees an orderly close.
@@ -116,6 +114,15 @@ inline bool guardIntact(const Bytes &area) {
 }
 inline const std::string kPassword = "S3cr3tPassw0rd!!";
 
+// Fills a fixed-size field of a record, which has no terminator.
+template <size_t N>
+void setField(char (&field)[N], std::string_view text) { std::memcpy(field, text.data(), N); }
+
+// A program-call reply: `fields` are the luw token, spare word, rc, abend code, COMMAREA length and lengths part.
+inline Bytes programReply(const std::string &fields, const Bytes &data, uint8_t channel = 0, const Bytes &after = {}) {
+  return message(1, "ECI", cat({hex("00000001"), hex(fields), data, Bytes{channel}, after}));
+}
+
 // Makes every socket-buffer allocation fail while it lives.
 struct FailSocketBufferAllocs {
   FailSocketBufferAllocs() {
@@ -124,44 +131,33 @@ struct FailSocketBufferAllocs {
   ~FailSocketBufferAllocs() { setAllocFailHook(nullptr); }
 };
 
-// A gateway token opened with the real handshake against a fake Gateway and
-// closed with a close request at the end, and an ECI parameter block for a
-// 100-byte COMMAREA that starts stale and ends in a guard.
+// A gateway token opened with the real handshake against a fake Gateway and closed with a close request at the
+// end, and an ECI parameter block for a 100-byte COMMAREA that starts stale and ends in a guard.
 class OverAToken : public ::testing::Test {
  protected:
   void SetUp() override {
-    open();
+    gateway.run([this](FakeGateway &g) { g.accept(listener.fd), g.expect(55), g.send(message(5, "BASE", {})); });
+    ASSERT_EQ(QVA_openRemoteGatewayConnection("127.0.0.1", listener.port, &token, 5), QVA_OK);
     parms.eci_version = 3, parms.eci_call_type = ECI_SYNC, parms.eci_timeout = 0x0102, parms.eci_luw_token = 0x01020304;
     parms.eci_commarea = area.data(), parms.eci_commarea_length = 100;
-    std::memcpy(parms.eci_program_name, "PROGRAM1", 8);
-    std::memcpy(parms.eci_userid, "USER0001        ", 16);
-    std::memcpy(parms.eci_password, kPassword.data(), 16);
-    std::memcpy(parms.eci_transid, "TRN1", 4);
-    std::memcpy(parms.eci_system_name, "SYSTEM01", 8);
+    setField(parms.eci_program_name, "PROGRAM1"), setField(parms.eci_userid, "USER0001        ");
+    setField(parms.eci_password, kPassword), setField(parms.eci_transid, "TRN1"), setField(parms.eci_system_name, "SYSTEM01");
   }
   void TearDown() override {
     if (token == nullptr) return;
     serve(message(10, "BASE", {}), 33);
     EXPECT_EQ(QVA_closeGatewayConnection(&token), QVA_OK);
-    EXPECT_EQ(gateway->finish(), "");
-    EXPECT_EQ(gateway->requests.front(), handshakeRequest());
-    EXPECT_EQ(gateway->requests.back(), closeRequest()) << "the close request, and no stray bytes before it";
+    EXPECT_EQ(gateway.finish(), "");
+    EXPECT_EQ(gateway.requests.front(), handshakeRequest());
+    EXPECT_EQ(gateway.requests.back(), closeRequest()) << "the close request, and no stray bytes before it";
   }
-  void open() {
-    gateway = std::make_unique<FakeGateway>();
-    gateway->run([this](FakeGateway &g) { g.accept(listener.fd), g.expect(55), g.send(message(5, "BASE", {})); });
-    ASSERT_EQ(QVA_openRemoteGatewayConnection("127.0.0.1", listener.port, &token, 5), QVA_OK);
-  }
-  // Reads a request of `size` bytes and answers with `reply`, then hangs up if asked to.
-  void serve(const Bytes &reply, size_t size, bool hangUp = false) {
-    gateway->run([=](FakeGateway &g) {
-      g.expect(size), g.send(reply);
-      if (hangUp) g.hangUp();
-    });
+  // Reads a request of `size` bytes and answers with `reply`.
+  void serve(const Bytes &reply, size_t size) {
+    gateway.run([=](FakeGateway &g) { g.expect(size), g.send(reply); });
   }
 
   Listener listener;
-  std::unique_ptr<FakeGateway> gateway;
+  FakeGateway gateway;
   QvaGatewayToken *token = nullptr;
   Bytes area = guarded(100);
   ECI_PARMS parms{};
