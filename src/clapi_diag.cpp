@@ -245,7 +245,9 @@ uint32_t clapiTraceOutStorage(const void *data, uint32_t length, uint32_t stopWo
   FILE *out = currentStream();
   std::fprintf(out, "Data truncation size=%lu, offset=%lu\n", static_cast<unsigned long>(clientAPIDataTrunc),
                static_cast<unsigned long>(clientAPIDataOffset));
-  int32_t count = static_cast<int32_t>(length - clientAPIDataOffset);
+  // An offset at or past the end dumps nothing; without the test a huge
+  // offset would wrap the difference round to a small positive count.
+  int32_t count = clientAPIDataOffset >= length ? 0 : static_cast<int32_t>(length - clientAPIDataOffset);
   int32_t truncation = static_cast<int32_t>(clientAPIDataTrunc);
   if (truncation != 0 && count > truncation) count = truncation;
   uint32_t total = 0;

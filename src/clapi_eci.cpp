@@ -198,8 +198,9 @@ void forgetPassword(GatewayRequest *request) {
 }
 
 // One program call over the token's socket, with the block's COMMAREA or
-// with `channel`: the flow's failure, or else the Gateway's return code,
-// with the abend code and LUW token copied into the block.
+// with `channel`: the flow's failure, or else the Gateway's return code.
+// The abend code and LUW token are copied into the block whenever the reply
+// carried them, even if a later part of it failed.
 int flowProgramCall(QvaGatewayToken *gwTok, ECI_PARMS *eciParms, QvaChannel *channel) {
   char name[sizeof ECI_REQUEST_NAME];
   std::memcpy(name, ECI_REQUEST_NAME, sizeof name);
@@ -214,12 +215,11 @@ int flowProgramCall(QvaGatewayToken *gwTok, ECI_PARMS *eciParms, QvaChannel *cha
   int32_t reasons = 0;
   int rc = clapiFlowECIRequest(gwTok->socket, &request, &reasons);
   forgetPassword(&request);
-  if (rc == QVA_OK) {
+  if (request.unitFieldsRead) {
     std::memcpy(eciParms->eci_abend_code, request.abendCode, sizeof eciParms->eci_abend_code);
     eciParms->eci_luw_token = request.luwToken;
-    rc = request.replyRc;
   }
-  return rc;
+  return rc == QVA_OK ? request.replyRc : rc;
 }
 
 // Clears trailing blanks and NULs of the 9-byte name, from the ninth byte
@@ -250,10 +250,10 @@ int QVA_ECI_Execute(QvaGatewayToken *gwTok, ECI_PARMS *EciParms) {
     }
     EciParmsDump dump;
     if (EciParms != nullptr && dump.write(EciParms, "Input") != QVA_OK) rc = QVA_ERR_MALLOCFAIL;
-    if (rc == QVA_OK) {
-      rc = flowProgramCall(gwTok, EciParms, nullptr);
-      dump.write(EciParms, "Output");
-    }
+    if (rc == QVA_OK) rc = flowProgramCall(gwTok, EciParms, nullptr);
+    // Like the input dump, the output dump shows any block that was given,
+    // whether or not the call went out.
+    if (EciParms != nullptr) dump.write(EciParms, "Output");
   }
   if (traceOn(kTraceEntryExit)) {
     RcName name(rc);

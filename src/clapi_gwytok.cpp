@@ -2,6 +2,7 @@
 
 #include "clapi_gwytok.h"
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -71,12 +72,17 @@ int openClientSocket(QvaGatewayToken *gwTok, const char *hostname, int port, int
   return rc;
 }
 
-// Closes the token's connection. A connection whose connect or handshake
-// failed gets no close request: a Gateway that never answered the greeting
-// may not answer that either, and the wait for it has no limit.
+// Closes the token's connection with the close flow, as every deletion does.
+// After a failed connect that flow fails at once on the unconnected socket,
+// with its own exception lines. The one exception is a connection that was
+// made but whose handshake failed: that Gateway has misbehaved on a live
+// connection, and the wait for its close reply would have no limit.
 int closeTokenConnection(QvaGatewayToken *gwTok) {
-  if (gwTok->connStatus == kConnFailed) {
-    int closeRc = gwTok->socket >= 0 ? close(gwTok->socket) : 0;
+  sockaddr_storage peer{};
+  socklen_t peerLength = sizeof peer;
+  if (gwTok->connStatus == kConnFailed && gwTok->socket >= 0 &&
+      getpeername(gwTok->socket, reinterpret_cast<sockaddr *>(&peer), &peerLength) == 0) {
+    int closeRc = close(gwTok->socket);
     gwTok->socket = -1;
     return closeRc;
   }

@@ -5,11 +5,13 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 
 #include "clapi_diag.h"
 #include "clapi_eci.h"
@@ -358,13 +360,16 @@ namespace {
 
 // A value whose first character is a digit sets the setting to its leading
 // decimal number; anything else is ignored after the line that shows it.
+// The number saturates at 2147483647 as a 32-bit strtol does, so that
+// 3000000000 is a large limit here too rather than a negative one.
 bool readDumpSetting(const char *variable, int shownPoint, uint32_t *setting) {
   const char *value = std::getenv(variable);
   if (value == nullptr) return false;
   TRACE_DEBUG(shownPoint, "clapi_impl.clapiSetAPITraceParamsFromEnv Environment variable %s=%s\n", variable, value);
   if (value[0] < '0' || value[0] > '9') return false;
   LockHolder trace(&traceLock);
-  *setting = static_cast<uint32_t>(std::strtol(value, nullptr, 10));
+  const long number = std::strtol(value, nullptr, 10);
+  *setting = static_cast<uint32_t>(std::min<long>(number, std::numeric_limits<int32_t>::max()));
   return true;
 }
 

@@ -110,6 +110,7 @@ int readProgramReply(SocketBuffer *sb, GatewayRequest *request, int32_t commarea
   request->spareInt = readInt(sb);
   request->replyRc = readInt(sb);
   readBytes(sb, request->abendCode, sizeof request->abendCode);
+  request->unitFieldsRead = !bufferFailed(sb);
   request->commareaLength = readInt(sb);
   if (readByte(sb) != 0) {
     readByte(sb);

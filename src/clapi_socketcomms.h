@@ -61,6 +61,10 @@ struct GatewayRequest {
   int32_t trailerWord;
   int32_t systemCount;
   int32_t replyRc;
+  // Set once a program reply's LUW token and abend code have arrived whole,
+  // so that they reach the caller even when a later part of the reply fails:
+  // a unit of work must stay committable.
+  bool unitFieldsRead;
 };
 
 // The request class names; writable, because a reply header is read back
