@@ -35,6 +35,12 @@ struct GuardedArea {
   uint8_t *bytes;
 };
 
+// The first input byte picks the flow and the request it answers: bits 0-1
+// the flow (0 handshake, 1 close, 2 program call, 3 server list); for a
+// program call, bit 2 extend mode 2 (commit, no COMMAREA either way), bit 5
+// extend mode 4 (backout), bit 6 extend mode 1, and bits 3-4 the call:
+// 0 a plain call, 1 a TPN call (type 12), 2 a call type the reader does not
+// know, 3 a plain call bounded to 50 bytes out and 10 back.
 int runFlow(uint8_t selector, int socketDesc) {
   int32_t reasons = 0;
   switch (selector % 4) {
@@ -54,9 +60,15 @@ int runFlow(uint8_t selector, int socketDesc) {
     request.callType = kCallTypeListSystems;
     request.systemCount = 3;
   } else {
-    request.callType = kCallTypeSync;
+    static constexpr int32_t kCallTypes[] = {kCallTypeSync, kCallTypeSyncTpn, 7, kCallTypeSync};
+    const int call = (selector >> 3) % 4;
+    request.callType = kCallTypes[call];
     request.commareaLength = 100;
-    request.extendMode = (selector >> 2) % 2 == 0 ? 0 : 2;
+    request.extendMode = (selector & 0x04) != 0 ? 2 : (selector & 0x20) != 0 ? 4 : (selector & 0x40) != 0 ? 1 : 0;
+    if (call == 3) {
+      request.requestDataLength = 50;
+      request.replyDataLength = 10;
+    }
   }
   int rc = clapiFlowECIRequest(socketDesc, &request, &reasons);
   if (!area.intact()) std::abort();

@@ -1,8 +1,10 @@
 #!/usr/bin/env python3
 """Writes the seed corpora: well-formed and damaged Gateway replies.
 
-corpus/: the first byte of each seed picks the flow: 0 handshake, 1 close,
-2 COMMAREA call (6: the same with extend mode 2), 3 server list.
+corpus/: the first byte of each seed picks the flow (see fuzz_gateway_reply.cpp):
+0 handshake, 1 close, 2 COMMAREA call (6: extend mode 2, 0x0A: a TPN call,
+0x12: an unknown call type, 0x1A: bounded to 10 bytes back, 0x22: backout),
+3 server list.
 corpus_channel/: replies to a channel call holding KEEP, TEXT and EMPTY."""
 import os
 import struct
@@ -46,6 +48,13 @@ body = program_reply(b"", flag=b"\xff", reply_len=5000)
 seeds["eci_lying_length"] = b"\x02" + header(1, b"ECI", len(body)) + body
 body = program_reply(b"")
 seeds["eci_commit"] = b"\x06" + header(1, b"ECI", len(body)) + body
+seeds["eci_backout"] = b"\x22" + header(1, b"ECI", len(body)) + body
+body = program_reply(b"t" * 100)
+seeds["eci_tpn"] = b"\x0a" + header(1, b"ECI", len(body)) + body
+body = struct.pack(">i", 7)
+seeds["eci_unknown_type"] = b"\x12" + header(1, b"ECI", len(body)) + body
+body = program_reply(b"b" * 10, flag=b"\xff")
+seeds["eci_bounded"] = b"\x1a" + header(1, b"ECI", len(body)) + body
 seeds["eci_exception"] = b"\x02" + header(6, b"ECI", 8) + struct.pack(">ii", 1, 4)
 seeds["eci_negative_length"] = b"\x02" + header(1, b"ECI", -5)
 seeds["eci_truncated"] = b"\x02" + header(1, b"ECI", 200) + b"\x00\x00\x00\x01"
