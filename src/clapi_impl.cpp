@@ -14,6 +14,7 @@
 #include <limits>
 
 #include "clapi_diag.h"
+#include "clapi_socketbuffer.h"
 #include "clapi_eci.h"
 #include "clapi_gwytok.h"
 #include "clapi_versions.h"
@@ -97,7 +98,9 @@ void writeBannerIfDue() {
   }
 }
 
-void clapiInitFunc() {
+}  // namespace
+
+void clapiInitFunc(void) {
   if (clapiState == 1) {
     clapiInitRc = 0;
     return;
@@ -123,10 +126,9 @@ void clapiInitFunc() {
   clapiSetAPITraceLevelFromEnv();
   clapiSetAPITraceFileFromEnv();
   clapiSetAPITraceParamsFromEnv();
+  clapiSetReplyTimeoutFromEnv();
   clapiInitRc = rc;
 }
-
-}  // namespace
 
 RcName::RcName(int rc) { QVA_getRcString(rc, text); }
 
@@ -148,7 +150,7 @@ char *QVA_getRcString(int rc, char *rcString) {
   return result;
 }
 
-int QVA_getDLLVersion(const char **dllVersPtr) {
+int QVA_getDLLVersion(char **dllVersPtr) {
   int rc = clapiInit();
   TRACE_ENTRY(1130, "API.QVA_getDLLVersion(&dllVersPtr=%p)\n", static_cast<void *>(dllVersPtr));
   if (rc == QVA_OK) {
@@ -163,7 +165,7 @@ int QVA_getDLLVersion(const char **dllVersPtr) {
   return rc;
 }
 
-int QVA_getAPIVersion(const char **apiVersPtr) {
+int QVA_getAPIVersion(char **apiVersPtr) {
   int rc = clapiInit();
   TRACE_ENTRY(1088, "API.QVA_getAPIVersion(&apiVersPtr=%p)\n", static_cast<void *>(apiVersPtr));
   if (rc == QVA_OK) {
@@ -459,4 +461,22 @@ int QVA_closeAllGatewayConnections(void) {
     clapiTrace(1008, "EXIT", "API.QVA_closeAllGatewayConnections() gwyTokRc=%d, rc=%d %s\n", gwyTokRc, rc, name.text);
   }
   return rc;
+}
+
+int clapiSetReplyTimeoutFromEnv(void) {
+  static constexpr char kVariable[] = "QVA_CLIENT_REPLY_TIMEOUT";
+  const char *value = std::getenv(kVariable);
+  if (value == nullptr) return 0;
+  TRACE_DEBUG(1056, "clapi_impl.clapiSetReplyTimeoutFromEnv Environment variable %s=%s\n", kVariable, value);
+  char *end = nullptr;
+  const long seconds = std::strtol(value, &end, 10);
+  if (value[0] < '0' || value[0] > '9' || *end != '\0' || seconds > 3600) {
+    TRACE_EXC(1058, "clapi_impl.clapiSetReplyTimeoutFromEnv %s=%s ignored: not a whole number of seconds from 0 to "
+              "3600\n", kVariable, value);
+    return 0;
+  }
+  clapiSetReplyTimeout(static_cast<int>(seconds));
+  TRACE_DEBUG(1057, "clapi_impl.clapiSetReplyTimeoutFromEnv Reply timeout set to %d seconds\n",
+              static_cast<int>(seconds));
+  return 0;
 }

@@ -5,8 +5,10 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <time.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -34,10 +36,39 @@ ssize_t sendAll(int socketDesc, const uint8_t *data, size_t length, int more = 0
   return static_cast<ssize_t>(sent);
 }
 
-// One recv, retried on EINTR. 0 means the peer closed.
-ssize_t recvSome(int socketDesc, uint8_t *data, size_t length) {
+std::atomic<int> replyTimeoutSeconds{0};
+
+int64_t monotonicMs() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+// Waits until the socket is readable: without a deadline at once (the recv
+// blocks), with one for what is left of it. False with errno ETIMEDOUT when
+// the deadline passes first; the connection is then shut down, since the
+// rest of a late reply would put the stream out of step for the next call.
+bool readableInTime(SocketBuffer *sockBuffer) {
+  if (sockBuffer->replyDeadlineMs == 0) return true;
+  pollfd watched{sockBuffer->socketDesc, POLLIN, 0};
   for (;;) {
-    ssize_t rc = recv(socketDesc, data, length, 0);
+    const int64_t left = sockBuffer->replyDeadlineMs - monotonicMs();
+    const int ready = left > 0 ? poll(&watched, 1, static_cast<int>(std::min<int64_t>(left, 1 << 30))) : 0;
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready == 0) {
+      shutdown(sockBuffer->socketDesc, SHUT_RDWR);
+      errno = ETIMEDOUT;
+      return false;
+    }
+    return true;  // readable, or an error that the recv will report
+  }
+}
+
+// One recv, retried on EINTR. 0 means the peer closed.
+ssize_t recvSome(SocketBuffer *sockBuffer, uint8_t *data, size_t length) {
+  for (;;) {
+    if (!readableInTime(sockBuffer)) return -1;
+    ssize_t rc = recv(sockBuffer->socketDesc, data, length, 0);
     if (rc < 0 && errno == EINTR) continue;
     return rc;
   }
@@ -96,7 +127,9 @@ int initBuffer(SocketBuffer *sockBuffer, int socketDesc, uint32_t dataLen, bool 
     TRACE_DEBUG(base + 3, "clapi_socketbuffer.%s Reusing existing buffer of %lu bytes\n", side, ul(bufferSize));
   }
   if (rc == QVA_OK) {
+    const int64_t deadline = sockBuffer->replyDeadlineMs;  // spans the reply's header and body
     *sockBuffer = SocketBuffer{};
+    sockBuffer->replyDeadlineMs = deadline;
     std::memcpy(sockBuffer->eyeCatcher, "QVASCKBF", 8);
     sockBuffer->socketDesc = socketDesc;
     sockBuffer->buffer = buffer;
@@ -294,17 +327,29 @@ int flushBuffer(SocketBuffer *sockBuffer) {
   return rc;
 }
 
+void clapiSetReplyTimeout(int seconds) { replyTimeoutSeconds.store(std::max(seconds, 0)); }
+
+int clapiGetReplyTimeout(void) { return replyTimeoutSeconds.load(); }
+
 int waitForResponse(SocketBuffer *sockBuffer) {
   TRACE_ENTRY(1522, "clapi_socketbuffer.waitForResponse(sockBuffer=%p)\n", addr(sockBuffer));
   int rc = QVA_OK;
+  const int timeoutSeconds = replyTimeoutSeconds.load();
+  sockBuffer->replyDeadlineMs = timeoutSeconds > 0 ? monotonicMs() + int64_t{timeoutSeconds} * 1000 : 0;
   // poll rather than select: a descriptor above FD_SETSIZE must not
   // overflow an fd_set in an application with many files open.
   pollfd watched{sockBuffer->socketDesc, POLLIN, 0};
   for (;;) {
-    // No time limit: the Gateway enforces the request's own.
-    int ready = poll(&watched, 1, -1);
+    // No time limit unless a reply deadline was asked for: the Gateway
+    // enforces the request's own.
+    int ready = timeoutSeconds > 0 ? (readableInTime(sockBuffer) ? 1 : 0) : poll(&watched, 1, -1);
     if (ready < 0 && errno == EINTR) continue;
-    if (ready < 0) {
+    if (ready == 0) {
+      failSocket(sockBuffer, ETIMEDOUT);
+      TRACE_EXC(1525, "clapi_socketbuffer.waitForResponse No reply within %d seconds: connection lost\n",
+                timeoutSeconds);
+      rc = QVA_ERR_LOSTGWCON;
+    } else if (ready < 0) {
       failSocket(sockBuffer, errno);
       TRACE_EXC(1523, "clapi_socketbuffer.waitForResponse select failed: errno=%d\n", sockBuffer->lastErrno);
       rc = QVA_ERR_LOSTGWCON;
@@ -339,7 +384,7 @@ int fillBuffer(SocketBuffer *sockBuffer) {
       ssize_t lastRecv = 0;
       while (count < amount) {
         TRACE_DEBUG(1542, "clapi_socketbuffer.fillBuffer Attempting to read %lu bytes\n", ul(amount - count));
-        lastRecv = recvSome(sockBuffer->socketDesc, sockBuffer->cursor + count, amount - count);
+        lastRecv = recvSome(sockBuffer, sockBuffer->cursor + count, amount - count);
         if (lastRecv < 1) {
           // errno is 0 after the peer's orderly close; the buffer fails all the same.
           failSocket(sockBuffer, lastRecv < 0 ? errno : 0);
@@ -416,7 +461,7 @@ void readBytes(SocketBuffer *sockBuffer, void *dataPtr, uint32_t dataLen) {
       // Large blocks go straight from the socket into the caller's memory.
       uint32_t received = 0;
       while (received < needed) {
-        ssize_t rc = recvSome(sockBuffer->socketDesc, data + have + received, needed - received);
+        ssize_t rc = recvSome(sockBuffer, data + have + received, needed - received);
         if (rc < 1) {
           failSocket(sockBuffer, rc < 0 ? errno : 0);
           TRACE_EXC(1531, "clapi_socketbuffer.readBytes recv returned an error code: errno=%d\n",

@@ -24,7 +24,17 @@ struct SocketBuffer {
   // reply shorter than its own fields). Kept apart from lastErrno, because a
   // peer's orderly close leaves errno 0 and must still stop every read.
   int32_t failure;
+  // Monotonic milliseconds by which the reply must have arrived whole; 0
+  // when no reply deadline is set (the default).
+  int64_t replyDeadlineMs;
 };
+
+// The opt-in reply deadline in seconds, 0 for none: read from
+// QVA_CLIENT_REPLY_TIMEOUT at start-up. Off by default, a call waits for its
+// reply as long as the Gateway takes, and the Gateway enforces the request's
+// own time limit.
+void clapiSetReplyTimeout(int seconds);
+int clapiGetReplyTimeout(void);
 
 int initWriteBuffer(SocketBuffer *sockBuffer, int socketDesc, uint32_t dataLen);
 int initReadBuffer(SocketBuffer *sockBuffer, int socketDesc, uint32_t dataLen);

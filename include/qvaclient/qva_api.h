@@ -21,9 +21,10 @@ QVA_API char *QVA_getRcString(int rc, char *rcString);
 QVA_API char *QVA_getRcStringECI(int rc, char *rcString);
 
 /* Store a pointer to the library's version text ("8.0.0.1") or the API
- * version text ("2.1.0.0"); the text belongs to the library. */
-QVA_API int QVA_getDLLVersion(const char **dllVersPtr);
-QVA_API int QVA_getAPIVersion(const char **apiVersPtr);
+ * version text ("2.1.0.0"). The text belongs to the library: do not change
+ * or free it. */
+QVA_API int QVA_getDLLVersion(char **dllVersPtr);
+QVA_API int QVA_getAPIVersion(char **apiVersPtr);
 
 /* ---- Trace control ------------------------------------------------------ */
 
