@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "clapi_export.h"
+
 inline constexpr uint32_t kSocketBufferMax = 1024;
 
 // Lives in the flow's stack frame and is zero-filled before the first
@@ -33,8 +35,8 @@ struct SocketBuffer {
 // QVA_CLIENT_REPLY_TIMEOUT at start-up. Off by default, a call waits for its
 // reply as long as the Gateway takes, and the Gateway enforces the request's
 // own time limit.
-void clapiSetReplyTimeout(int seconds);
-int clapiGetReplyTimeout(void);
+CLAPI_EXPORT void clapiSetReplyTimeout(int seconds);
+CLAPI_EXPORT int clapiGetReplyTimeout(void);
 
 int initWriteBuffer(SocketBuffer *sockBuffer, int socketDesc, uint32_t dataLen);
 int initReadBuffer(SocketBuffer *sockBuffer, int socketDesc, uint32_t dataLen);
