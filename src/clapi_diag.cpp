@@ -295,6 +295,11 @@ void adviseHugePages(uint8_t *base, size_t total) {
 
 void setAllocFailHook(AllocFailHook hook) { allocFailHook = hook; }
 
+void *plainMalloc(size_t length, const char *tag) {
+  if (allocFailHook != nullptr && allocFailHook(static_cast<uint32_t>(length), tag)) return nullptr;
+  return std::malloc(length);
+}
+
 void *clapiMalloc(uint32_t length, const char *tag) {
   if (allocFailHook != nullptr && allocFailHook(length, tag)) return nullptr;
   const size_t total = kLead + size_t{length} + sizeof kSuffixGuard;

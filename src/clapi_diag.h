@@ -113,7 +113,12 @@ CLAPI_EXPORT void *clapiMalloc(uint32_t length, const char *tag);
 // Checks both guards, releases the block in every case; 0 or -9.
 CLAPI_EXPORT int clapiFree(void *data);
 
-// Test seam: when set, clapiMalloc asks it before each allocation and fails
-// the allocation if it returns true.
+// malloc for the blocks that carry no guards: the gateway token ("GTOK"),
+// its protocol version text ("PVER") and the parameter-block copy of the
+// ECI dumps ("EPRM"). Released with free.
+void *plainMalloc(size_t length, const char *tag);
+
+// Test seam: when set, clapiMalloc and plainMalloc ask it before each
+// allocation and fail the allocation if it returns true.
 using AllocFailHook = bool (*)(uint32_t length, const char *tag);
 void setAllocFailHook(AllocFailHook hook);

@@ -132,7 +132,7 @@ void fillRequestHeader(GatewayRequest *request, char *name) {
 // the same whatever the trace level; one copy serves both dumps of a call.
 class EciParmsDump {
  public:
-  EciParmsDump() : copy_(static_cast<ECI_PARMS *>(std::malloc(sizeof(ECI_PARMS)))) {}
+  EciParmsDump() : copy_(static_cast<ECI_PARMS *>(plainMalloc(sizeof(ECI_PARMS), "EPRM"))) {}
   ~EciParmsDump() { std::free(copy_); }
   EciParmsDump(const EciParmsDump &) = delete;
   EciParmsDump &operator=(const EciParmsDump &) = delete;

@@ -147,8 +147,8 @@ int clapiCreateGatewayToken(QvaGatewayToken **gwTokPtr, const char *hostname, in
   TRACE_ENTRY(2120, "clapi_qva_gwytok.clapiCreateGatewayToken(&gwTokPtr=%p,port=%d,connTimeout=%d)\n", addr(gwTokPtr),
               port, connTimeout);
   int rc = QVA_OK;
-  auto *gwTok = static_cast<QvaGatewayToken *>(std::malloc(sizeof(QvaGatewayToken)));
-  char *protocolVersion = static_cast<char *>(std::malloc(sizeof kProtocolVersion));
+  auto *gwTok = static_cast<QvaGatewayToken *>(plainMalloc(sizeof(QvaGatewayToken), "GTOK"));
+  char *protocolVersion = static_cast<char *>(plainMalloc(sizeof kProtocolVersion, "PVER"));
   if (gwTok == nullptr || protocolVersion == nullptr) {
     std::free(gwTok);
     std::free(protocolVersion);
