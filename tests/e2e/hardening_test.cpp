@@ -1,0 +1,281 @@
+// The library against a Gateway and a process that misbehave: every
+// allocation failing in turn, a Gateway that never answers or trickles under
+// a storm of signals, and threads that switch the trace under each other's
+// calls. Linked with the static library for its allocation seam and the
+// reply-deadline setter.
+#include <signal.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "clapi_diag.h"
+#include "clapi_socketbuffer.h"
+#include "e2e_support.h"
+#include "qvaemu/gateway.h"
+
+using namespace qvatest;
+using namespace std::chrono_literals;
+using qvaemu::Fault;
+
+namespace {
+
+std::atomic<int> allocations{0};
+std::atomic<int> failAt{0};  // 0: no allocation fails
+std::string runningStep, failedInStep;
+bool failNth(uint32_t, const char *) {
+  if (++allocations != failAt.load()) return false;
+  failedInStep = runningStep;
+  return true;
+}
+
+class HardeningTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(gw_.start(nullptr)); }
+  void TearDown() override {
+    setAllocFailHook(nullptr);
+    clapiSetReplyTimeout(0);
+    EXPECT_EQ(ECI_deleteAllChannels(), ECI_NO_ERROR);
+    EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_OK);
+    EXPECT_TRUE(tokenListEmpty());
+  }
+  int open(QvaGatewayToken **tok) { return QVA_openRemoteGatewayConnection(kLoopback, gw_.port(), tok, 5); }
+  // One call of `program` with `text` as the COMMAREA; the COMMAREA it left.
+  static int echo(QvaGatewayToken *tok, const std::string &text, std::string *after = nullptr) {
+    GuardedArea area(text.size());
+    area.set(text);
+    ECI_PARMS parms = eciParms("ECHO", area.data(), area.length());
+    const int rc = QVA_ECI_Execute(tok, &parms);
+    if (after != nullptr) *after = area.guardIntact() ? area.text() : "guard overwritten";
+    return rc;
+  }
+
+  qvaemu::Gateway gw_;
+};
+
+// Every container walks, reads back whole, and the walk ends.
+void expectChannelWhole(QvaChannel *ch) {
+  ContainerInfo info;
+  int rc = ECI_getFirstContainer(ch, &info);
+  for (; rc == ECI_NO_ERROR; rc = ECI_getNextContainer(ch, &info)) {
+    std::string data(info.dataLength, '\0');
+    uint32_t got = 0;
+    EXPECT_EQ(ECI_getContainerData(ch, info.name, data.data(), info.dataLength, 0, &got), ECI_NO_ERROR) << info.name;
+    EXPECT_EQ(got, uint32_t{info.dataLength}) << info.name;
+  }
+  EXPECT_EQ(rc, ECI_ERR_ENDOFCONTAINERS);
+}
+
+// One session through every path that allocates: the result of its first
+// failing step (and that step's name), or 0 when all went through.
+int session(uint16_t port, std::string *failedStep) {
+  QvaGatewayToken *tok = nullptr;
+  QvaChannel *ch = nullptr;
+  char commarea[16] = "hello";
+  ECI_PARMS parms = eciParms("ECHO", commarea, sizeof commarea);
+  unsigned short systems = 4;
+  QVA_SYSTEM_ENTRY list[4];
+  ECI_PARMS channelCall = eciParms("CHMIX", nullptr, 0);
+  const auto callChannel = [&](const char *program) {
+    setField(channelCall.eci_program_name, program);
+    channelCall.eci_channel = ch;
+    const int rc = QVA_ECI_Execute_Channel(tok, &channelCall);
+    expectChannelWhole(ch);
+    return rc;
+  };
+  const std::pair<const char *, std::function<int()>> steps[] = {
+      {"open", [&] { return QVA_openRemoteGatewayConnection(kLoopback, port, &tok, 5); }},
+      {"execute", [&] { return QVA_ECI_Execute(tok, &parms); }},
+      {"list", [&] { return QVA_listSystems(tok, &systems, list); }},
+      {"create channel", [&] { return ECI_createChannel("TORTURE", &ch); }},
+      {"create TEXT", [&] { return ECI_createContainer(ch, "TEXT", ECI_CHAR, 37, "hello", 5); }},
+      {"create RAW", [&] { return ECI_createContainer(ch, "RAW", ECI_BIT, 0, "\x00\x01\x02", 3); }},
+      {"set RAW", [&] { return ECI_setContainerData(ch, "RAW", "abcdefgh", 8); }},
+      {"CHMIX", [&] { return callChannel("CHMIX"); }},
+      {"CHGROW", [&] { return callChannel("CHGROW"); }},
+      {"delete TEXT", [&] { return ECI_deleteContainer(ch, "TEXT"); }},
+      {"close", [&] { return QVA_closeGatewayConnection(&tok); }},
+  };
+  for (const auto &[name, run] : steps) {
+    runningStep = name;
+    const int rc = run();
+    if (rc != 0) {
+      *failedStep = name;
+      return rc;
+    }
+  }
+  return 0;
+}
+
+// Each allocation of the session fails in turn: the step that made it
+// reports -111, every earlier step went through, nothing half-built stays
+// behind (the sanitizer build checks for leaks at exit), and the same
+// session then runs whole. Two steps report a failed allocation in their
+// own terms: the open whose handshake could not get its buffer reports the
+// failed handshake (-118), and the close closes all the same.
+TEST_F(HardeningTest, EveryAllocationFailingInTurnIsReportedAndLeavesTheLibraryWorking) {
+  setAllocFailHook(failNth);
+  std::string step;
+  ASSERT_EQ(session(gw_.port(), &step), 0) << step;
+  const int total = allocations.exchange(0);
+  ASSERT_GT(total, 10);
+  for (int n = 1; n <= total; ++n) {
+    SCOPED_TRACE("allocation " + std::to_string(n) + " of " + std::to_string(total));
+    allocations = 0;
+    failAt = n;
+    step.clear();
+    const int rc = session(gw_.port(), &step);
+    failAt = 0;
+    if (failedInStep == "close") {
+      EXPECT_EQ(rc, 0);
+    } else {
+      EXPECT_EQ(step, failedInStep);
+      EXPECT_TRUE(rc == QVA_ERR_MALLOCFAIL || (step == "open" && rc == QVA_ERR_CONNECTFAILED)) << step << " gave " << rc;
+    }
+    EXPECT_EQ(ECI_deleteAllChannels(), ECI_NO_ERROR);
+    EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_OK);
+    EXPECT_TRUE(tokenListEmpty());
+    allocations = 0;
+    EXPECT_EQ(session(gw_.port(), &step), 0) << "afterwards, " << step;
+  }
+}
+
+// A reply deadline ends a call to a Gateway that never answers, and the
+// connection counts as lost from then on; without one the call would wait.
+TEST_F(HardeningTest, AReplyDeadlineEndsAWaitForAGatewayThatNeverAnswers) {
+  clapiSetReplyTimeout(1);
+  gw_.setFault({.fault = Fault::NeverAnswer, .afterMessages = 1});
+  QvaGatewayToken *tok = nullptr;
+  ASSERT_EQ(open(&tok), QVA_OK);
+  TraceCapture trace(1);
+  const auto t0 = std::chrono::steady_clock::now();
+  EXPECT_EQ(echo(tok, "anyone there?"), QVA_ERR_LOSTGWCON);
+  const auto waited = std::chrono::steady_clock::now() - t0;
+  EXPECT_GE(waited, 1s);
+  EXPECT_LT(waited, 5s);
+  const auto t1 = std::chrono::steady_clock::now();
+  EXPECT_EQ(echo(tok, "and now?"), QVA_ERR_LOSTGWCON);
+  EXPECT_LT(std::chrono::steady_clock::now() - t1, 500ms) << "a lost connection fails at once";
+  EXPECT_TRUE(hasLine(traceLines(trace.text()), 1525, "*EXC*",
+                      "clapi_socketbuffer.waitForResponse No reply within 1 seconds: connection lost"))
+      << trace.text();
+  EXPECT_EQ(QVA_closeGatewayConnection(&tok), QVA_OK);
+}
+
+std::atomic<int> signalsTaken{0};
+void countSignal(int) { ++signalsTaken; }
+
+// An interval timer interrupts every system call the library makes, its
+// handler installed without SA_RESTART.
+class SignalStorm {
+ public:
+  SignalStorm() {
+    struct sigaction action {};
+    action.sa_handler = countSignal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGALRM, &action, &saved_);
+    const itimerval every{{0, 200}, {0, 200}};
+    setitimer(ITIMER_REAL, &every, nullptr);
+  }
+  ~SignalStorm() {
+    const itimerval off{};
+    setitimer(ITIMER_REAL, &off, nullptr);
+    sigaction(SIGALRM, &saved_, nullptr);
+  }
+
+ private:
+  struct sigaction saved_ {};
+};
+
+TEST_F(HardeningTest, SignalsNeitherBreakNorStretchACall) {
+  gw_.setFault({.fault = Fault::Trickle, .afterMessages = 1, .everyConnection = true});
+  QvaGatewayToken *tok = nullptr;
+  ASSERT_EQ(open(&tok), QVA_OK);
+  signalsTaken = 0;
+  {
+    SignalStorm storm;
+    for (int i = 0; i < 10; ++i) {
+      const std::string sent = "call " + std::to_string(i) + std::string(static_cast<size_t>(40 + i), 'x');
+      std::string after;
+      EXPECT_EQ(echo(tok, sent, &after), ECI_NO_ERROR) << i;
+      EXPECT_EQ(after, sent) << i;
+    }
+    EXPECT_GT(signalsTaken.load(), 10);
+    // With a deadline, interruptions do not restart its clock.
+    gw_.setFault({.fault = Fault::NeverAnswer, .afterMessages = 1});
+    QvaGatewayToken *silent = nullptr;
+    ASSERT_EQ(open(&silent), QVA_OK);
+    clapiSetReplyTimeout(1);
+    const auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(echo(silent, "hello?"), QVA_ERR_LOSTGWCON);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, 5s);
+    EXPECT_EQ(QVA_closeGatewayConnection(&silent), QVA_OK);
+  }
+  EXPECT_EQ(QVA_closeGatewayConnection(&tok), QVA_OK);
+}
+
+// Callers on connections and channels of their own, and on one shared
+// channel, while another thread switches the trace level and file under
+// them: every call gets its own reply and every trace line comes out whole.
+TEST_F(HardeningTest, ConcurrentStressWithTheTraceSwitchedUnderneath) {
+  constexpr int kCallers = 4, kCalls = 100;
+  ScratchDir dir;
+  QvaChannel *shared = nullptr;
+  ASSERT_EQ(ECI_createChannel("SHARED", &shared), ECI_NO_ERROR);
+  ASSERT_EQ(ECI_createContainer(shared, "COUNT", ECI_BIT, 0, "x", 1), ECI_NO_ERROR);
+  std::atomic<bool> done{false};
+  std::atomic<int> failures{0};
+  std::thread switcher([&] {
+    for (int i = 0; !done.load(); ++i) {
+      QVA_setAPITraceFile(dir.file(i % 2 ? "a.trc" : "b.trc").c_str());
+      QVA_setAPITraceLevel(i % 5);
+      std::this_thread::sleep_for(1ms);
+    }
+    QVA_setAPITraceLevel(0);
+    QVA_setAPITraceFile(nullptr);
+  });
+  std::vector<std::thread> callers;
+  for (int t = 0; t < kCallers; ++t) {
+    callers.emplace_back([&, t] {
+      QvaGatewayToken *tok = nullptr;
+      if (open(&tok) != QVA_OK) return void(++failures);
+      QvaChannel *own = nullptr;
+      if (ECI_createChannel(("OWN" + std::to_string(t)).c_str(), &own) != ECI_NO_ERROR) return void(++failures);
+      ECI_createContainer(own, "TEXT", ECI_CHAR, 37, "hello", 5);
+      ECI_PARMS parms = eciParms("CHUPPER", nullptr, 0);
+      for (int i = 0; i < kCalls; ++i) {
+        const std::string sent = "thread " + std::to_string(t) + " call " + std::to_string(i);
+        std::string after;
+        if (echo(tok, sent, &after) != ECI_NO_ERROR || after != sent) ++failures;
+        parms.eci_channel = i % 4 == 0 && i < 12 ? shared : own;
+        setField(parms.eci_program_name, parms.eci_channel == shared ? "CHGROW" : "CHUPPER");
+        if (QVA_ECI_Execute_Channel(tok, &parms) != ECI_NO_ERROR) ++failures;
+      }
+      if (ECI_deleteChannel(&own) != ECI_NO_ERROR || QVA_closeGatewayConnection(&tok) != QVA_OK) ++failures;
+    });
+  }
+  for (auto &c : callers) c.join();
+  done = true;
+  switcher.join();
+  EXPECT_EQ(failures.load(), 0);
+  ContainerInfo info;
+  ASSERT_EQ(ECI_getContainerInfo(shared, "COUNT", &info), ECI_NO_ERROR);
+  EXPECT_EQ(uint32_t{info.dataLength}, 1u << (3 * kCallers)) << "each CHGROW doubles it exactly once";
+  for (const char *name : {"a.trc", "b.trc"}) {
+    for (const auto &line : readLines(dir.file(name))) {
+      if (!parseTraceLine(line) && !isDumpLine(line) && !isBannerLine(line) &&
+          line.rfind("Data truncation size=", 0) != 0) {
+        ADD_FAILURE() << name << ": torn line: " << line;
+        break;
+      }
+    }
+  }
+}
+
+}  // namespace
