@@ -7,6 +7,7 @@
 // and every container ends the merge with either its old data or its new
 // data in full.
 
+#include <algorithm>
 #include <cstring>
 
 #include "clapi_channel.h"
@@ -46,6 +47,21 @@ bool dataFitsReply(SocketBuffer *sockBuffer, const Container *tempCont) {
   return false;
 }
 
+// Reads `length` bytes of the reply into `block` and returns how many of
+// them arrived: all, unless the reply failed. A failure then clears only
+// what was written, so that a reply announcing gigabytes and sending a few
+// bytes never makes the client touch gigabytes.
+uint32_t readInto(SocketBuffer *sockBuffer, uint8_t *block, uint32_t length) {
+  const uint32_t before = unreadBytes(sockBuffer);
+  readBytes(sockBuffer, block, length);
+  return std::min(length, before - std::min(before, unreadBytes(sockBuffer)));
+}
+
+void freeData(uint8_t *data, uint32_t written) {
+  explicit_bzero(data, written);
+  clapiFree(data);
+}
+
 // Reads an entry's data into a new block; null with *rc set when it could
 // not be allocated or read whole.
 uint8_t *readData(SocketBuffer *sockBuffer, uint32_t length, int point, const char *function, int *rc) {
@@ -55,19 +71,13 @@ uint8_t *readData(SocketBuffer *sockBuffer, uint32_t length, int point, const ch
     *rc = QVA_ERR_MALLOCFAIL;
     return nullptr;
   }
-  readBytes(sockBuffer, data, length);
+  const uint32_t written = readInto(sockBuffer, data, length);
   if (bufferFailed(sockBuffer)) {
-    explicit_bzero(data, length);
-    clapiFree(data);
+    freeData(data, written);
     *rc = sockBuffer->failure;
     return nullptr;
   }
   return data;
-}
-
-void freeData(uint8_t *data, uint32_t length) {
-  explicit_bzero(data, length);
-  clapiFree(data);
 }
 
 int addContainer(SocketBuffer *sockBuffer, QvaChannel *channel, Container *tempCont) {
@@ -144,9 +154,9 @@ int modifyContainer(SocketBuffer *sockBuffer, QvaChannel *channel, Container *te
         rc = QVA_ERR_MALLOCFAIL;
       }
     } else {
-      if (length != 0) readBytes(sockBuffer, fresh, length);
+      const uint32_t written = length != 0 ? readInto(sockBuffer, fresh, length) : 0;
       if (bufferFailed(sockBuffer)) {
-        freeData(fresh, length);
+        freeData(fresh, written);
         rc = sockBuffer->failure;
       } else {
         if (found->dataPtr != nullptr) rc = freeContainerData(found);
