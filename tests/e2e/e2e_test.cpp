@@ -155,8 +155,17 @@ TEST_F(E2eTest, UnresolvableHostIsBadHostAndRefusedConnectIsConnectFailed) {
   const int port = unusedPort();
   ASSERT_GT(port, 0);
   EXPECT_EQ(QVA_openRemoteGatewayConnection(kLoopback, port, &tok, 0), QVA_ERR_CONNECTFAILED);
+  TraceCapture refused(1);
   EXPECT_EQ(QVA_openRemoteGatewayConnection(kLoopback, port, &tok, 5), QVA_ERR_CONNECTFAILED);
   EXPECT_EQ(tok, nullptr);
+  // The failed token is deleted with the close flow, which fails at once on
+  // the socket that never connected.
+  std::vector<std::string> seen;
+  for (const auto& l : traceLines(refused.text())) seen.push_back(std::to_string(l.point) + " " + l.message);
+  EXPECT_EQ(seen, (std::vector<std::string>{
+                      "2011 clapi_gwycon.clapiConnectToGatewayUnable to connect to Gateway: Connection refused",
+                      "2142 clapi_qva_gwytok.openClientSocket() Failed to connect to Gateway 127.0.0.1:" + std::to_string(port),
+                      "1528 clapi_socketbuffer.flushBuffer Unable to send data to Gateway: errno=32"}));
 }
 
 TEST_F(E2eTest, CloseClearsThePointerTracesItAndRefusesNullAndStaleTokens) {

@@ -13,6 +13,7 @@
 
 #include "clapi_diag.h"
 #include "clapi_impl.h"
+#include "clapi_socketbuffer.h"
 #include "trace_fixture.h"
 
 static int failAt = 0;
@@ -54,11 +55,11 @@ class Driver : public ::testing::Test {
 };
 
 // The settings the first call finds (ARGS: the level, truncation and offset
-// they give) and what the set-up writes to stderr and to the trace file; a
+// they give, and the reply deadline, 0 if not given) and what the set-up writes to stderr and to the trace file; a
 // level value that is not the level it gives was refused. The environment is
 // read once: later changes do nothing.
 TEST_F(Driver, Env) {
-  ASSERT_EQ(args.size(), 3u);
+  ASSERT_GE(args.size(), 3u);
   const char *value = std::getenv("QVA_CLIENT_TRACE_LEVEL");
   const bool unopenable = file.find("/no-such-dir/") != std::string::npos;
   const std::string later = scratch.file("later.trc");
@@ -72,6 +73,7 @@ TEST_F(Driver, Env) {
   });
   EXPECT_TRUE(level == std::stoi(args[0]) && clientAPITrace.load() == level) << level;
   EXPECT_EQ(std::to_string(clientAPIDataTrunc) + " " + std::to_string(clientAPIDataOffset), args[1] + " " + args[2]);
+  EXPECT_EQ(clapiGetReplyTimeout(), args.size() > 3 ? std::stoi(args[3]) : 0);
   const Lines banner{"BANNER", bannerSecondLine(level, file.empty() || unopenable ? "stderr" : file)};
   const std::string impl = "clapi_impl.clapiSetAPITrace",
                     get = "API.QVA_getAPITraceLevel(traceStatePtr=" + ptrText(&level) + ")";
@@ -100,11 +102,11 @@ TEST_F(Driver, InitRace) {
   for (size_t t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
       start.arrive_and_wait();
-      const char *text = "(null)";
+      char *text = nullptr;
       int level = -7;
       const int rc = t % 3 == 0   ? QVA_getDLLVersion(&text)
                      : t % 3 == 1 ? QVA_getAPIVersion(&text) : QVA_getAPITraceLevel(&level);
-      seen[t] = std::to_string(rc) + " " + (t % 3 == 2 ? std::to_string(level) : text);
+      seen[t] = std::to_string(rc) + " " + (t % 3 == 2 ? std::to_string(level) : text ? text : "(null)");
     });
   }
   for (std::thread &thread : threads) thread.join();
@@ -119,7 +121,7 @@ TEST_F(Driver, InitRace) {
 // level 1 stays, each line after the lock module's complaint if it has no lock.
 TEST_F(Driver, InitFail) {
   const int stored = failAt == 1 ? QVA_ERR_LOCKFAIL : -2;
-  const char *version = nullptr;
+  char *version = nullptr;
   int level = -7;
   QvaGatewayToken *token = nullptr;
   ECI_PARMS parms{};

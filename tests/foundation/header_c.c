@@ -32,7 +32,7 @@ static const Function kInterface[] = {F(QVA_getRcString), F(QVA_getRcStringECI),
 
 int main(void) {
   char name[QVA_RC_STRING_SIZE];
-  const char *version = NULL;
+  char *version = NULL;
   ECI_PARMS parms;
   QvaChannel *channel = NULL;
   size_t i;

@@ -102,7 +102,7 @@ TEST_F(TraceFileTest, FrameCallsDoTheirWorkTraceItAndRefuseBadArguments) {
   for (unsigned length : {0u, 300u}) QVA_setAPITraceDataLength(length);
   EXPECT_TRUE(clientAPIDataOffset == 4294967295u && clientAPIDataTrunc == 300u);
   EXPECT_EQ(QVA_dumpState(), QVA_OK);
-  const char *dllText = nullptr, *apiText = nullptr;
+  char *dllText = nullptr, *apiText = nullptr;
   EXPECT_EQ((std::vector<int>{QVA_getDLLVersion(&dllText), QVA_getDLLVersion(nullptr), QVA_getAPIVersion(&apiText),
                               QVA_getAPIVersion(nullptr)}), (std::vector<int>{0, QVA_ERR_NULLPTR, 0, QVA_ERR_NULLPTR}));
   EXPECT_EQ(std::string(dllText) + " " + apiText, "8.0.0.1 2.1.0.0");
@@ -255,7 +255,9 @@ TEST_F(TraceFileTest, StorageDumpsFormatLinesAndHonourOffsetAndTruncation) {
     uint32_t truncation, offset, length, shown;
   } cases[] = {{hello, 128, 0, 16, 16}, {digits, 128, 0, 20, 20}, {odd, 128, 0, 8, 8}, {data, 128, 0, 300, 128},
                {data, 0, 0, 300, 300}, {data, 0, 8, 20, 12}, {data, 0, 20, 20, 0}, {data, 0, 25, 20, 0},
-               {data, 5, 0, 300, 5}, {data, 5, 4, 300, 5}};
+               {data, 5, 0, 300, 5}, {data, 5, 4, 300, 5},
+               // An offset far past the end must not wrap round to a small count.
+               {data, 0, 0xFFFFFFF0u, 20, 0}, {data, 128, 0x80000000u, 300, 0}};
   Lines last;  // the last line of each dump
   for (const auto &c : cases) {
     QVA_setAPITraceDataLength(c.truncation);

@@ -1,6 +1,8 @@
 // QVA_ECI_Execute_Channel over a real gateway token against a scripted peer: the channel block byte for byte,
 // every return-flow state and each way a merge fails, what the channel holds afterwards, and the caller's block.
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <functional>
 #include <sstream>
@@ -149,6 +151,21 @@ TEST_F(ChannelFlowTest, ReturnFlowsMergeUpToTheFirstFailingEntry) {
     ASSERT_EQ(ECI_deleteChannel(&channel), ECI_NO_ERROR);
     makeChannel();
   }
+}
+
+// A gigabyte announced, by the header and the entry alike, and 2000 bytes
+// sent: the client pays for the bytes that came, not for the gigabyte.
+TEST_F(ChannelFlowTest, AnAnnouncedGigabyteThatNeverComesIsNotTouched) {
+  const Bytes head = channelReply("CHANNEL", 1208, 1, entry("MOD", 3, 2, 1208, pattern(2000), 1u << 30));
+  const Bytes reply = cat({header(1, "ECI", uint32_t(head.size() - 32 + (1u << 30) - 2000)), slice(head, 32, head.size() - 32)});
+  rusage before{}, after{};
+  getrusage(RUSAGE_SELF, &before);
+  EXPECT_EQ(call(reply, true), QVA_ERR_LOSTGWCON);
+  getrusage(RUSAGE_SELF, &after);
+  EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 256 << 10) << "KiB more at the peak";
+  EXPECT_EQ(contents(), "DEL:1:0:zz MOD:2:1208:abc KEEP:1:0:keep ");
+  ASSERT_EQ(QVA_closeGatewayConnection(&token), QVA_OK);
+  open();
 }
 
 TEST_F(ChannelFlowTest, BadCallsAreRefusedBeforeAnythingIsSent) {

@@ -173,6 +173,12 @@ TEST_F(EciTest, ExecuteMapsTheParameterBlockToTheRequestAndTheReplyBack) {
       {"", 30, -5, 129, "FF 0000001E 00", 30, ok, QVA_OK, 0x01020304, "    ", pattern(100)},
       {"", 0, 0, 195, "00 00", 100, programReply("0BADF00D 00000000 FFFFFFF9 41535241 00000064 FF 00 0000000A", pattern(10, 9)),
        ECI_ERR_TRANSACTION_ABEND, 0x0BADF00D, "ASRA", cat({pattern(10, 9), fill(90, 0)})},
+      // A reply bounded to the caller's COMMAREA, or with a channel it should not carry, still hands back the
+      // unit's token and the abend code: the unit can be committed or backed out.
+      {"", 0, 0, 195, "00 00", 100, programReply("0BADF00D 00000000 00000000 41424344 000000C8 00", pattern(200, 9)),
+       QVA_ERR_INVALID_DATA_LENGTH, 0x0BADF00D, "ABCD", pattern(100, 9)},
+      {"", 0, 0, 195, "00 00", 100, programReply("0BADF00D 00000000 00000000 41424344 00000064 00", pattern(100, 9), 0xFF, pattern(300)),
+       QVA_ERR_SYSTEM_ERROR, 0x0BADF00D, "ABCD", pattern(100, 9)},
       // A body longer than the buffer: what one fill does not take is dropped too.
       {"", 0, 0, 195, "00 00", 100, message(6, "ECI", pattern(2000)), QVA_ERR_GATEWAY_EXCEPTION, 0x01020304, "zzzz",
        pattern(100, 40)},
@@ -228,6 +234,20 @@ TEST_F(EciTest, ExecuteMapsTheParameterBlockToTheRequestAndTheReplyBack) {
     EXPECT_EQ(std::make_pair(parmDumps, requestDumps), std::make_pair(2, 1)) << "the block in and out, the request";
     expectNextCallWorks(gateway, token->socket);
   }
+}
+
+// A block that fails its checks is dumped on the way out as well as in,
+// though nothing was sent; without a block there is nothing to dump.
+TEST_F(EciTest, TheBlockIsDumpedOnTheWayOutWhateverTheOutcome) {
+  parms.eci_version = 0;
+  TraceCapture trace(4);
+  EXPECT_EQ(QVA_ECI_Execute(token, &parms), ECI_ERR_INVALID_VERSION);
+  EXPECT_EQ(QVA_ECI_Execute(token, nullptr), QVA_ERR_NULLECIPOINTER);
+  const std::string text = trace.text();
+  const std::string size = std::to_string(sizeof(ECI_PARMS));
+  for (const char *way : {"Input", "Output"})
+    EXPECT_EQ(countLines(text, 3323, "DEBUG", R"(API\.QVA_ECI_Execute\(eciParmsSize=)" + size + R"(\) )" + way + " Eci Stucture "), 1);
+  EXPECT_EQ(countLines(text, 3325, "DATA", ".*"), 2);
 }
 
 // Names lose trailing blanks and NULs but keep inner blanks and the first byte; a longer list is cut to the capacity.
