@@ -65,7 +65,6 @@ inline uint32_t be32(const Bytes &b, size_t off) {
   return (uint32_t{b.at(off)} << 24) | (uint32_t{b.at(off + 1)} << 16) | (uint32_t{b.at(off + 2)} << 8) |
          uint32_t{b.at(off + 3)};
 }
-inline int32_t sbe32(const Bytes &b, size_t off) { return static_cast<int32_t>(be32(b, off)); }
 inline Bytes be32(uint32_t v) {
   return Bytes{static_cast<uint8_t>(v >> 24), static_cast<uint8_t>(v >> 16), static_cast<uint8_t>(v >> 8),
                static_cast<uint8_t>(v)};

@@ -39,13 +39,10 @@ struct SocketPair {
     if (client >= 0) ::close(client);
     if (peer >= 0) ::close(peer);
   }
-  // Hands the peer end to someone else, who closes it.
-  int releasePeer() {
-    const int fd = peer;
+  void closePeer() {
+    ::close(peer);
     peer = -1;
-    return fd;
   }
-  void closePeer() { ::close(releasePeer()); }
 };
 
 // A loopback listener on an ephemeral port.

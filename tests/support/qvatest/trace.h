@@ -95,12 +95,6 @@ inline int countLines(const std::string &text, int point, const std::string &wor
   return n;
 }
 
-// Escapes a literal text for use inside a regex.
-inline std::string quoted(const std::string &text) {
-  static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
-  return std::regex_replace(text, special, R"(\$&)");
-}
-
 inline bool isBannerLine(const std::string &text) { return text.rfind("*** ", 0) == 0; }
 
 inline const std::regex &bannerFirstLinePattern() {
