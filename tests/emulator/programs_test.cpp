@@ -55,47 +55,6 @@ TEST_F(ProgramsTest, EachProgramAnswersAsDocumented) {
   }
 }
 
-TEST_F(ProgramsTest, UnitOfWorkTokensFollowTheExtendModes) {
-  Call c = prog("ECHO", "luw");
-  c.extendMode = 1;
-  const ProgramReply first = run(c);
-  ASSERT_EQ(first.replyRc, 0);
-  const int32_t t1 = first.luwToken;
-  ASSERT_NE(t1, 0);
-  const auto with = [&](int32_t mode, int32_t token) {
-    Call k = c;
-    k.extendMode = mode;
-    k.luwToken = token;
-    return run(k);
-  };
-  ProgramReply r = with(1, t1);  // continue the unit
-  EXPECT_EQ(r.replyRc, 0);
-  EXPECT_EQ(r.luwToken, t1);
-  const int32_t t2 = run(c).luwToken;  // a second unit beside the first
-  EXPECT_NE(t2, 0);
-  EXPECT_NE(t2, t1);
-  r = with(2, t1);  // commit
-  EXPECT_EQ(r.replyRc, 0);
-  EXPECT_EQ(r.luwToken, 0);
-  EXPECT_EQ(with(2, t1).replyRc, -8);  // the unit has ended
-  r = with(0, t2);  // mode 0 with a token runs the last call and ends the unit
-  EXPECT_EQ(r.replyRc, 0);
-  EXPECT_EQ(r.luwToken, 0);
-  EXPECT_EQ(r.data, ascii("luw"));
-  EXPECT_EQ(with(0, t2).replyRc, -8);
-  r = with(4, run(c).luwToken);  // backout
-  EXPECT_EQ(r.replyRc, 0);
-  EXPECT_EQ(r.luwToken, 0);
-  EXPECT_EQ(with(4, 0).replyRc, -8);  // nothing to back out
-  EXPECT_EQ(with(1, 0x1234).replyRc, -8);  // never issued
-  // Tokens belong to their connection.
-  Client other;
-  ASSERT_TRUE(open(other, gw_->port()));
-  c.luwToken = run(c).luwToken;
-  ASSERT_TRUE(call(other, c, r));
-  EXPECT_EQ(r.replyRc, -8);
-}
-
 TEST(ProgramsSecurity, UserAndPasswordMustMatchAndThePasswordIsNeverLogged) {
   FILE* logFile = std::tmpfile();
   ASSERT_NE(logFile, nullptr);
