@@ -61,6 +61,7 @@ class Driver : public ::testing::Test {
 TEST_F(Driver, Env) {
   ASSERT_GE(args.size(), 3u);
   const char *value = std::getenv("QVA_CLIENT_TRACE_LEVEL");
+  const std::string length = env("QVA_CLIENT_DATA_LENGTH"), offset = env("QVA_CLIENT_DATA_OFFSET");
   const bool unopenable = file.find("/no-such-dir/") != std::string::npos;
   const std::string later = scratch.file("later.trc");
   int level = -7;
@@ -89,7 +90,14 @@ TEST_F(Driver, Env) {
   EXPECT_EQ(err, expected);
   // A trace file gets the banner; an empty name does nothing, not even that.
   EXPECT_EQ(exists(file), !file.empty() && !unopenable);
-  EXPECT_EQ(normalise(readLines(file)), level == 0 || !exists(file) ? Lines{} : banner);
+  // At level 4 the file shows each setting as it is read and what it set.
+  const std::string params = impl + "ParamsFromEnv", shown = " Environment variable QVA_CLIENT_DATA_";
+  const Lines traced = level < 4 ? Lines{} : Lines{
+      "1141 DEBUG  " + impl + "FileFromEnv() Trace file switched to new destination. Filename=" + file,
+      "1050 ENTRY  " + params + "()", "1051 DEBUG  " + params + shown + "LENGTH=" + length,
+      "1052 DEBUG  " + params + " Data truncation length set to " + args[1], "1053 DEBUG  " + params + shown + "OFFSET=" + offset,
+      "1055 EXIT   " + params + "()", "1091 ENTRY  " + get, "1093 EXIT   " + get + " rc=0"};
+  EXPECT_EQ(normalise(readLines(file)), level == 0 || !exists(file) ? Lines{} : banner + traced);
   EXPECT_FALSE(exists(later));
 }
 
