@@ -163,7 +163,8 @@ TEST_F(ChannelFlowTest, AnAnnouncedGigabyteThatNeverComesIsNotTouched) {
   getrusage(RUSAGE_SELF, &before);
   EXPECT_EQ(QVA_ECI_Execute_Channel(token, &parms), QVA_ERR_LOSTGWCON);
   getrusage(RUSAGE_SELF, &after);
-  EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 256 << 10) << "KiB more at the peak";
+  // Touching the gigabyte costs 1 GiB; a sanitizer's shadow of the untouched block costs up to half that.
+  EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 768 << 10) << "KiB more at the peak";
   EXPECT_EQ(gateway.finish(), "");
   EXPECT_EQ(contents(), "DEL:1:0:zz MOD:2:1208:abc KEEP:1:0:keep ");
   EXPECT_EQ(QVA_closeGatewayConnection(&token), QVA_OK);
