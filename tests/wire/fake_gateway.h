@@ -115,8 +115,7 @@ inline bool guardIntact(const Bytes &area) {
 inline const std::string kPassword = "S3cr3tPassw0rd!!";
 
 // Fills a fixed-size field of a record, which has no terminator.
-template <size_t N>
-void setField(char (&field)[N], std::string_view text) { std::memcpy(field, text.data(), N); }
+template <size_t N> void setField(char (&field)[N], std::string_view text) { std::memcpy(field, text.data(), N); }
 
 // A program-call reply: `fields` are the luw token, spare word, rc, abend code, COMMAREA length and lengths part.
 inline Bytes programReply(const std::string &fields, const Bytes &data, uint8_t channel = 0, const Bytes &after = {}) {

@@ -108,8 +108,7 @@ TEST_F(HeaderFlowsTest, FlowsSendTheirRequestAndConsumeTheReplyWholeOrFail) {
       if (line.point / 10 != 109) points.push_back(line.point);  // not the trace's own switching
     EXPECT_EQ(points, (std::vector<int>{3215, 1500, 1509, 3240, 1560, 1569, 3241, 1560, 1569, 1525, 1529, 1522, 1524,
                                         3242, 1510, 1515, 1540, 1549, 1530, 1539, 3243, 1510, 1515, 1540, 1549, 1516,
-                                        1518, 3219}))
-        << text;
+                                        1518, 3219})) << text;
     const std::string call =
         R"(clapi_socketcomms\.clapiFlowHandshakeRequest\(socketDesc=)" + std::to_string(high) + R"(, \*reasons=0x[0-9a-f]+\))";
     EXPECT_EQ(countLines(text, 3215, "ENTRY", call), 1) << text;
