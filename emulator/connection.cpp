@@ -67,6 +67,10 @@ class Server {
         g_.log("conn %zu: CLOSE dataLength=%d%s", c_.index, h.dataLength, note.c_str());
         Reply r = replyTo(h, wire::kFlowClose, {});
         r.closeAfter = true;
+        if (faulty && c_.plan.fault == Fault::SlowClose) {
+          bent_ = true;
+          r.delay = c_.plan.closeDelay;
+        }
         return r;
       }
       case wire::kFlowEci:

@@ -37,6 +37,7 @@ constexpr FaultName kFaultNames[] = {
     {Fault::ChannelTruncated, "channel-truncated"},
     {Fault::ChannelDeleteUnknown, "channel-delete-unknown"},
     {Fault::ChannelHugeCount, "channel-huge-count"},
+    {Fault::SlowClose, "slow-close"},
 };
 
 std::string foldName(std::string_view s) {
@@ -239,6 +240,7 @@ Next transmit(Link& link, Reply& reply, Fault fault, const wire::Header& request
     default:
       break;
   }
+  if (reply.delay.count() > 0 && !link.wait(reply.delay)) return Next::Stop;
   if (!link.send(reply.header, reply.body)) return Next::Stop;
   return reply.closeAfter ? Next::Close : Next::CarryOn;
 }

@@ -38,6 +38,7 @@ void usage(FILE* out) {
       "  --user U --password P  require this user id and password on program calls\n"
       "  --fault MODE[:AFTER]   bend every connection's replies after AFTER messages\n"
       "  --extra-bytes N        surplus of the oversize and channel-lying-length modes (default 64)\n"
+      "  --close-delay MS       how late slow-close answers a close request (default 2000)\n"
       "  --help                 this text\n"
       "server programs, with a COMMAREA:\n"
       "  ECHO      the COMMAREA as it came      UPPER  ASCII letters upper-cased\n"
@@ -62,7 +63,8 @@ void usage(FILE* out) {
       "  huge-data-length exception-flow oversize-commarea oversize-server-list\n"
       "  channel-return-on-commarea (COMMAREA calls); for channel calls:\n"
       "  channel-lying-length channel-unknown-state channel-truncated\n"
-      "  channel-delete-unknown channel-huge-count\n",
+      "  channel-delete-unknown channel-huge-count; slow-close (the close reply comes\n"
+      "  --close-delay MS late, default 2000)\n",
       out);
 }
 
@@ -133,6 +135,9 @@ int main(int argc, char** argv) {
     } else if (arg == "--extra-bytes") {
       if (!parseNumber(v, 1 << 24, n)) return fail(std::string("bad byte count: ") + v);
       fault.extraBytes = static_cast<uint32_t>(n);
+    } else if (arg == "--close-delay") {
+      if (!parseNumber(v, 600000, n)) return fail(std::string("bad delay: ") + v);
+      fault.closeDelay = std::chrono::milliseconds(n);
     } else {
       usage(stderr);
       return 2;

@@ -14,6 +14,7 @@ struct Reply {
   wire::Body body;
   bool send = true;  // false: the wait of a SLEEP was cut short
   bool closeAfter = false;  // the close flow ends the connection
+  std::chrono::milliseconds delay{};  // held back this long before it is sent
 };
 
 inline Reply replyTo(const wire::Header& req, int32_t flowType, wire::Body body) {

@@ -232,13 +232,14 @@ void trimSystemName(uint8_t *entry) {
 
 int QVA_ECI_Execute(QvaGatewayToken *gwTok, ECI_PARMS *EciParms) {
   int rc = clapiInit();
+  HeldGatewayToken heldToken;  // until the call returns
   TRACE_ENTRY(3320, "API.QVA_ECI_Execute(gwTok=%p,EciParms=%p )\n", addr(gwTok), addr(EciParms));
   if (rc == QVA_OK) {
     if (gwTok == nullptr) {
       rc = QVA_ERR_NULLGWTOK;
       TRACE_EXC(3321, "API.QVA_ECI_Execute(gwTok=%p) Null gateway token\n", addr(gwTok));
     } else {
-      rc = clapiVerifyGatewayToken(gwTok);
+      rc = heldToken.acquire(gwTok);
     }
     if (rc == QVA_OK) {
       if (EciParms == nullptr) {
@@ -287,6 +288,7 @@ constexpr uint64_t kMaxChannelWireSize = INT32_MAX - 1024;
 
 int QVA_ECI_Execute_Channel(QvaGatewayToken *gwTok, ECI_PARMS *EciParms) {
   int rc = clapiInit();
+  HeldGatewayToken heldToken;  // until the call returns
   TRACE_ENTRY(3350, "API.QVA_ECI_Execute_Channel(gwTok=%p, EciParms=%p)\n", addr(gwTok), addr(EciParms));
   const bool initialised = rc == QVA_OK;
   if (initialised) {
@@ -294,7 +296,7 @@ int QVA_ECI_Execute_Channel(QvaGatewayToken *gwTok, ECI_PARMS *EciParms) {
       rc = QVA_ERR_NULLGWTOK;
       TRACE_EXC(3351, "API.QVA_ECI_Execute_Channel gwTok is NULL\n");
     } else {
-      rc = clapiVerifyGatewayToken(gwTok);
+      rc = heldToken.acquire(gwTok);
     }
     if (EciParms != nullptr) dumpChannelCallBlock(EciParms);
   }
@@ -348,13 +350,14 @@ int QVA_ECI_Execute_Channel(QvaGatewayToken *gwTok, ECI_PARMS *EciParms) {
 
 int QVA_listSystems(QvaGatewayToken *gwTok, unsigned short *Systems, QVA_SYSTEM_ENTRY *List) {
   int rc = clapiInit();
+  HeldGatewayToken heldToken;  // until the call returns
   TRACE_ENTRY(3340, "API.QVA_listSystems(gwTok=%p, Systems=%p, List=%p)\n", addr(gwTok), addr(Systems), addr(List));
   if (rc == QVA_OK) {
     if (gwTok == nullptr) {
       rc = QVA_ERR_NULLGWTOK;
       TRACE_EXC(3341, "API.QVA_listSystems(gwTok=%p) Null gateway token\n", addr(gwTok));
     } else {
-      rc = clapiVerifyGatewayToken(gwTok);
+      rc = heldToken.acquire(gwTok);
     }
     if (rc == QVA_OK && Systems == nullptr) {
       rc = QVA_ERR_NULLPTR;

@@ -5,9 +5,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <span>
 
 #include "clapi_diag.h"
 #include "clapi_gwycon.h"
@@ -20,7 +23,41 @@ QvaGatewayToken *gtListTailPtr = nullptr;
 
 namespace {
 
+// gtlLock guards the list's links. A token on the list may be found and
+// used by its owner's calls while another thread deletes it (a close-all),
+// so each call holds its token: the hold is taken while the list check
+// still has gtlLock, and given back when the call ends. A deletion unlinks
+// the token under gtlLock, lets go of the lock, and then, if a call holds
+// the token, shuts the socket down so that the call ends at once with
+// QVA_ERR_LOSTGWCON, and waits for it to give the token back. Only then do
+// the close flow, the close and the free run: no call ever reads a freed
+// token or a descriptor that a newer connection has reused. Shutting down
+// rather than waiting for the call's reply keeps a close-all from hanging on
+// a Gateway that does not answer.
+//
+// A token whose creator is still connecting it is skipped by a close-all:
+// that connection was not open yet when the close-all began.
+//
+// Lock order: gtlLock, then tokenUseLock, then traceLock. tokenUseLock
+// guards only the uses and opening fields, is held for a few instructions,
+// and nothing is traced or sent while it is held. No lock is held across a
+// connect, a flow or a call.
 ClapiLock gtlLock;
+std::mutex tokenUseLock;
+std::condition_variable tokenReleased;
+
+void finishOpening(QvaGatewayToken *gwTok) {
+  std::lock_guard<std::mutex> uses(tokenUseLock);
+  gwTok->opening = false;
+}
+
+// The token is off the list; a call may still hold it.
+void endCallsOnToken(QvaGatewayToken *gwTok) {
+  std::unique_lock<std::mutex> uses(tokenUseLock);
+  if (gwTok->uses == 0) return;
+  if (gwTok->socket >= 0) shutdown(gwTok->socket, SHUT_RDWR);
+  tokenReleased.wait(uses, [gwTok] { return gwTok->uses == 0; });
+}
 
 const void *addr(const void *p) { return p; }
 
@@ -163,6 +200,7 @@ int clapiCreateGatewayToken(QvaGatewayToken **gwTokPtr, const char *hostname, in
     gwTok->port = port;
     gwTok->connStatus = kConnNew;
     gwTok->socket = -1;  // nothing to close until a socket exists
+    gwTok->opening = true;
     clapiGetPidTid(&gwTok->owningPid, &gwTok->owningTid);
     gwTok->owningThread = pthread_self();
     std::memcpy(protocolVersion, kProtocolVersion, sizeof kProtocolVersion);
@@ -176,6 +214,9 @@ int clapiCreateGatewayToken(QvaGatewayToken **gwTokPtr, const char *hostname, in
     } else {
       rc = openClientSocket(gwTok, hostname, port, connTimeout);
       if (rc != QVA_OK) {
+        finishOpening(gwTok);
+        // A close-all may have taken the token since; then this finds
+        // nothing and the close-all frees it.
         QvaGatewayToken *failed = gwTok;
         clapiDeleteGatewayToken(&failed, 1);
       } else {
@@ -185,6 +226,7 @@ int clapiCreateGatewayToken(QvaGatewayToken **gwTokPtr, const char *hostname, in
           clapiTrace(2123, "EVENT", "clapi_qva_gwytok.clapiCreateGatewayToken(&gwTokPtr=%p) %s\n", addr(gwTokPtr),
                      text);
         }
+        finishOpening(gwTok);
         *gwTokPtr = gwTok;
       }
     }
@@ -193,12 +235,19 @@ int clapiCreateGatewayToken(QvaGatewayToken **gwTokPtr, const char *hostname, in
   return rc;
 }
 
-int clapiVerifyGatewayToken(QvaGatewayToken *gwTok) {
+namespace {
+
+// The list check and ownership check of a call; with `hold`, a token that
+// passes both is held for the caller. The owner is compared while the list
+// lock is held, so a thread that does not own the token never holds it, not
+// even for a moment; the mismatch is traced after the lock is let go.
+int verifyGatewayToken(QvaGatewayToken *gwTok, bool hold) {
   TRACE_ENTRY(2150, "clapi_qva_gwytok.clapiVerifyGatewayToken(&gwTokPtr=%p)\n", addr(gwTok));
   int rc = QVA_OK;
   uint32_t owningPid = 0;
   uint32_t owningTid = 0;
-  pthread_t owningThread{};
+  uint32_t currentPid = 0;
+  uint32_t currentTid = 0;
   LockHolder gtl(&gtlLock);
   int findRc = findGatewayToken(gwTok, nullptr);
   if (findRc != kGtlFound) {
@@ -206,31 +255,33 @@ int clapiVerifyGatewayToken(QvaGatewayToken *gwTok) {
     TRACE_EXC(2151, "clapi_qva_gwytok.clapiVerifyGatewayToken(&gwTokPtr=%p) Gateway token not found - findRc=%d\n",
               addr(gwTok), findRc);
   } else {
-    // Copied while the list still holds the token.
     owningPid = gwTok->owningPid;
     owningTid = gwTok->owningTid;
-    owningThread = gwTok->owningThread;
-  }
-  gtl.release();
-  if (rc == QVA_OK) {
-    uint32_t currentPid = 0;
-    uint32_t currentTid = 0;
     clapiGetPidTid(&currentPid, &currentTid);
     if (currentPid != owningPid) {
       rc = QVA_ERR_PIDMISMATCH;
-      TRACE_EXC(2152, "clapi_qva_gwytok.clapiVerifyGatewayToken PID mismatch: currentPid=%d, owningPid=%d\n",
-                static_cast<int>(currentPid), static_cast<int>(owningPid));
-    } else if (!clapiCompareTids(pthread_self(), owningThread)) {
+    } else if (!clapiCompareTids(pthread_self(), gwTok->owningThread)) {
       rc = QVA_ERR_TIDMISMATCH;
-      TRACE_EXC(2153, "clapi_qva_gwytok.clapiVerifyGatewayToken TID mismatch: currentTid=%d, owningTid=%d\n",
-                static_cast<int>(currentTid), static_cast<int>(owningTid));
+    } else if (hold) {
+      std::lock_guard<std::mutex> uses(tokenUseLock);
+      ++gwTok->uses;
     }
+  }
+  gtl.release();
+  if (rc == QVA_ERR_PIDMISMATCH) {
+    TRACE_EXC(2152, "clapi_qva_gwytok.clapiVerifyGatewayToken PID mismatch: currentPid=%d, owningPid=%d\n",
+              static_cast<int>(currentPid), static_cast<int>(owningPid));
+  } else if (rc == QVA_ERR_TIDMISMATCH) {
+    TRACE_EXC(2153, "clapi_qva_gwytok.clapiVerifyGatewayToken TID mismatch: currentTid=%d, owningTid=%d\n",
+              static_cast<int>(currentTid), static_cast<int>(owningTid));
   }
   TRACE_EXIT(2154, "clapi_qva_gwytok.clapiVerifyGatewayToken(&gwTokPtr=%p) rc=%d\n", addr(gwTok), rc);
   return rc;
 }
 
-int clapiDeleteGatewayToken(QvaGatewayToken **gwTokPtr, int lockRequired) {
+// Unlinks the token from the list, closes its connection and frees it.
+// `unlinked`: a close-all has already taken it off the list.
+int deleteGatewayToken(QvaGatewayToken **gwTokPtr, int lockRequired, bool unlinked) {
   TRACE_ENTRY(2160, "clapi_qva_gwytok.clapiDeleteGatewayToken(&gwTokPtr=%p, lockRequired=%d)\n", addr(gwTokPtr),
               lockRequired);
   int rc = QVA_OK;
@@ -245,19 +296,23 @@ int clapiDeleteGatewayToken(QvaGatewayToken **gwTokPtr, int lockRequired) {
     if (lockRequired == 1 && findGatewayToken(gwTok, &parent) != kGtlFound) {
       rc = QVA_ERR_BADGWTOK;
     } else {
-      // Without the lock the caller walks the list from its head.
+      if (!unlinked) {
+        // Without the lock the caller walks the list from its head.
+        if (parent != nullptr) {
+          parent->nextGwyTokPtr = gwTok->nextGwyTokPtr;
+          if (parent->nextGwyTokPtr == nullptr) gtListTailPtr = parent;
+        } else {
+          // The tail is left as it was: the next create sees an empty head
+          // and resets both.
+          gtListHeadPtr = gwTok->nextGwyTokPtr;
+        }
+      }
+      gtl.release();
+      endCallsOnToken(gwTok);
       gwTok->connStatus = closeTokenConnection(gwTok) != 0 ? kConnCloseFailed : kConnClosed;
       TRACE_DEBUG(2161, "clapi_qva_gwytok.clapiDeleteGatewayToken About to free protocolVersion String (%p)\n",
                   addr(gwTok->protocolVersion));
       std::free(gwTok->protocolVersion);
-      if (parent != nullptr) {
-        parent->nextGwyTokPtr = gwTok->nextGwyTokPtr;
-        if (parent->nextGwyTokPtr == nullptr) gtListTailPtr = parent;
-      } else {
-        // The tail is left as it was: the next create sees an empty head
-        // and resets both.
-        gtListHeadPtr = gwTok->nextGwyTokPtr;
-      }
       std::free(gwTok);
       *gwTokPtr = nullptr;
     }
@@ -267,35 +322,83 @@ int clapiDeleteGatewayToken(QvaGatewayToken **gwTokPtr, int lockRequired) {
   return rc;
 }
 
+// Takes up to kGtlRunawayLimit tokens off the list, in list order, into
+// `taken`, skipping those still being opened; returns how many. The caller
+// holds gtlLock. As when the head is deleted, the tail is left alone unless
+// a token stays behind at the end.
+int takeTokensOffTheList(QvaGatewayToken **taken) {
+  std::lock_guard<std::mutex> uses(tokenUseLock);
+  int count = 0;
+  QvaGatewayToken *kept = nullptr;  // the last token that stays
+  QvaGatewayToken *newHead = nullptr;
+  QvaGatewayToken *tok = gtListHeadPtr;
+  for (; tok != nullptr && count < kGtlRunawayLimit; tok = tok->nextGwyTokPtr) {
+    if (!tok->opening) {
+      taken[count++] = tok;
+      continue;
+    }
+    if (kept != nullptr) {
+      kept->nextGwyTokPtr = tok;
+    } else {
+      newHead = tok;
+    }
+    kept = tok;
+  }
+  // tok: the first token past the limit, or null.
+  if (kept != nullptr) {
+    kept->nextGwyTokPtr = tok;
+    if (tok == nullptr) gtListTailPtr = kept;
+  } else {
+    newHead = tok;
+  }
+  gtListHeadPtr = newHead;
+  return count;
+}
+
+}  // namespace
+
+int clapiVerifyGatewayToken(QvaGatewayToken *gwTok) { return verifyGatewayToken(gwTok, false); }
+
+int holdGatewayToken(QvaGatewayToken *gwTok) { return verifyGatewayToken(gwTok, true); }
+
+void releaseGatewayToken(QvaGatewayToken *gwTok) {
+  std::lock_guard<std::mutex> uses(tokenUseLock);
+  if (--gwTok->uses == 0) tokenReleased.notify_all();
+}
+
+int clapiDeleteGatewayToken(QvaGatewayToken **gwTokPtr, int lockRequired) {
+  return deleteGatewayToken(gwTokPtr, lockRequired, false);
+}
+
 int clapiDeleteGatewayTokens(void) {
   TRACE_ENTRY(2170, "clapi_qva_gwytok.clapiDeleteGatewayTokens()\n");
   int rc = QVA_OK;
   int deleted = 0;
+  QvaGatewayToken *taken[kGtlRunawayLimit];
+  int count = 0;
   LockHolder gtl(&gtlLock);
   if (gtListHeadPtr == nullptr) {
     rc = kGtlEmpty;
     TRACE_EVENT(2171, "clapi_qva_gwytok.clapiDeleteGatewayTokens() GTL is EMPTY\n");
   } else {
-    QvaGatewayToken *indexToken = gtListHeadPtr;
-    while (indexToken != nullptr && deleted < kGtlRunawayLimit) {
-      if (traceOn(kTraceEvent)) {
-        char text[kTokenTextSize];
-        clapiFormatGatewayToken(indexToken, text);
-        clapiTrace(2172, "EVENT", "clapi_qva_gwytok.clapiDeleteGatewayTokens(indexToken=%p) GTL entry %4.4d: %s\n",
-                   addr(indexToken), deleted + 1, text);
-      }
-      QvaGatewayToken *next = indexToken->nextGwyTokPtr;
-      clapiDeleteGatewayToken(&indexToken, 0);
-      indexToken = next;
-      ++deleted;
-    }
-    if (deleted == kGtlRunawayLimit) {
-      rc = kGtlRunaway;
-      TRACE_EXC(2173, "clapi_qva_gwytok.clapiDeleteGatewayTokensGTL iteration has hit RUNAWAY limit %d.....\n",
-                kGtlRunawayLimit);
-    }
+    count = takeTokensOffTheList(taken);
   }
   gtl.release();
+  for (QvaGatewayToken *indexToken : std::span(taken, count)) {
+    if (traceOn(kTraceEvent)) {
+      char text[kTokenTextSize];
+      clapiFormatGatewayToken(indexToken, text);
+      clapiTrace(2172, "EVENT", "clapi_qva_gwytok.clapiDeleteGatewayTokens(indexToken=%p) GTL entry %4.4d: %s\n",
+                 addr(indexToken), deleted + 1, text);
+    }
+    deleteGatewayToken(&indexToken, 0, true);
+    ++deleted;
+  }
+  if (deleted == kGtlRunawayLimit) {
+    rc = kGtlRunaway;
+    TRACE_EXC(2173, "clapi_qva_gwytok.clapiDeleteGatewayTokensGTL iteration has hit RUNAWAY limit %d.....\n",
+              kGtlRunawayLimit);
+  }
   TRACE_EXIT(2174, "clapi_qva_gwytok.clapiDeleteGatewayTokens() Entries deleted=%d rc=%d\n", deleted, rc);
   return rc;
 }

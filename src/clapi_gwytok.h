@@ -15,10 +15,16 @@ struct QvaGatewayToken {
   int32_t socket;
   uint32_t owningPid;
   uint32_t owningTid;  // low 32 bits, as traces show it
+  // Guarded by tokenUseLock; they fill what would be padding, so the record
+  // keeps the size its allocation trace shows.
+  uint16_t uses;  // calls that hold the token (see holdGatewayToken)
+  bool opening;  // its creator is still connecting it
   char *protocolVersion;
   QvaGatewayToken *nextGwyTokPtr;
   pthread_t owningThread;  // the full id that ownership checks compare
 };
+
+static_assert(sizeof(QvaGatewayToken) == 56, "the token's size is part of its allocation trace");
 
 inline constexpr int32_t kConnNew = 0;
 inline constexpr int32_t kConnConnected = 1;
@@ -50,3 +56,30 @@ CLAPI_EXPORT int clapiDumpGatewayTokens(void);
 
 // The caller holds gtlLock.
 int findGatewayToken(const QvaGatewayToken *target, QvaGatewayToken **parent);
+
+// Verifies the token as clapiVerifyGatewayToken does (same result, same
+// trace) and, when it passes, holds it for the caller's call until
+// releaseGatewayToken: a deletion from another thread meanwhile shuts
+// the connection down and waits for the release before it frees anything.
+int holdGatewayToken(QvaGatewayToken *gwTok);
+void releaseGatewayToken(QvaGatewayToken *gwTok);
+
+// Holds a token for one scope.
+class HeldGatewayToken {
+ public:
+  HeldGatewayToken() = default;
+  ~HeldGatewayToken() {
+    if (token_ != nullptr) releaseGatewayToken(token_);
+  }
+  HeldGatewayToken(const HeldGatewayToken &) = delete;
+  HeldGatewayToken &operator=(const HeldGatewayToken &) = delete;
+
+  int acquire(QvaGatewayToken *gwTok) {
+    int rc = holdGatewayToken(gwTok);
+    if (rc == 0) token_ = gwTok;
+    return rc;
+  }
+
+ private:
+  QvaGatewayToken *token_ = nullptr;
+};

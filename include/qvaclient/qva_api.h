@@ -63,7 +63,10 @@ QVA_API int QVA_openRemoteGatewayConnection(const char *hostname, int port, QvaG
 /* Closes the connection and sets *gwTokPtr to NULL. */
 QVA_API int QVA_closeGatewayConnection(QvaGatewayToken **gwTokPtr);
 
-/* Closes every connection of the process, whichever thread opened it. */
+/* Closes every connection of the process, whichever thread opened it. A
+ * call in flight on one of them ends at once with QVA_ERR_LOSTGWCON (or
+ * with its reply, if that came first); a connection still being opened by
+ * another thread is left open. See docs/THREADS.md. */
 QVA_API int QVA_closeAllGatewayConnections(void);
 
 /* ---- ECI calls ------------------------------------------------------------ */

@@ -1,8 +1,8 @@
 // The library against a Gateway and a process that misbehave: every
-// allocation failing in turn, a Gateway that never answers or trickles under
-// a storm of signals, and threads that switch the trace under each other's
-// calls. Linked with the static library for its allocation seam and the
-// reply-deadline setter.
+// allocation failing in turn, a Gateway that never answers, trickles under
+// a storm of signals or is slow to close, threads that switch the trace under
+// each other's calls, and a close-all while calls are in flight. Linked with
+// the static library for its allocation seam and the reply-deadline setter.
 #include <signal.h>
 #include <sys/time.h>
 
@@ -10,6 +10,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -289,6 +290,110 @@ TEST_F(HardeningTest, ConcurrentStressWithTheTraceSwitchedUnderneath) {
       }
     }
   }
+}
+
+// A close waiting on a slow Gateway holds up no call on another connection.
+TEST_F(HardeningTest, ASlowCloseHoldsUpNoCallOnAnotherConnection) {
+  QvaGatewayToken *healthy = nullptr;
+  ASSERT_EQ(open(&healthy), QVA_OK);
+  gw_.setFault({.fault = Fault::SlowClose, .closeDelay = 2s});
+  std::atomic<int> closeRc{1};
+  std::chrono::steady_clock::duration closing{};
+  std::thread closer([&] {
+    QvaGatewayToken *slow = nullptr;
+    if (open(&slow) != QVA_OK) return;
+    const auto t0 = std::chrono::steady_clock::now();
+    closeRc = QVA_closeGatewayConnection(&slow);
+    closing = std::chrono::steady_clock::now() - t0;
+  });
+  ASSERT_TRUE(gw_.waitForReceived(1, handshakeRequest().size() + closeRequest().size(), kPatience));
+  const auto t0 = std::chrono::steady_clock::now();
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(echo(healthy, "call " + std::to_string(i)), ECI_NO_ERROR);
+  const auto calls = std::chrono::steady_clock::now() - t0;
+  closer.join();
+  EXPECT_EQ(closeRc.load(), QVA_OK);
+  EXPECT_GE(closing, 1900ms) << "the close did wait for the Gateway";
+  EXPECT_LT(calls, 500ms) << std::chrono::duration_cast<std::chrono::milliseconds>(calls).count() << " ms";
+}
+
+// A close-all while calls are in flight on several threads: each call ends
+// with its own reply or with the connection lost (a call that starts after
+// its token went finds no token), the close-all does not wait for the
+// Gateway's slow replies, and connections opened right after, on the
+// descriptor numbers just freed, carry only their own messages.
+TEST_F(HardeningTest, CloseAllEndsCallsInFlightAndDisturbsNoConnectionOpenedAfter) {
+  constexpr int kSleepers = 3, kEchoers = 3, kFresh = 4;
+  std::atomic<int> wrong{0}, lost{0};
+  std::vector<std::thread> callers;
+  for (int t = 0; t < kSleepers + kEchoers; ++t) {
+    callers.emplace_back([&, t] {
+      QvaGatewayToken *tok = nullptr;
+      if (open(&tok) != QVA_OK) return void(++wrong);
+      int rc = ECI_NO_ERROR;
+      if (t < kSleepers) {
+        GuardedArea area(8);
+        area.set("3000");  // milliseconds
+        ECI_PARMS parms = eciParms("SLEEP", area.data(), area.length());
+        rc = QVA_ECI_Execute(tok, &parms);
+      }
+      for (int i = 0; t >= kSleepers && rc == ECI_NO_ERROR; ++i) {
+        const std::string sent = "thread " + std::to_string(t) + " call " + std::to_string(i);
+        std::string after;
+        rc = echo(tok, sent, &after);
+        if (rc == ECI_NO_ERROR && after != sent) ++wrong;
+      }
+      // A token's address may be reused at once by a connection of the main thread.
+      if (rc == QVA_ERR_LOSTGWCON) ++lost;
+      else if (rc != QVA_ERR_BADGWTOK && rc != QVA_ERR_TIDMISMATCH) ++wrong;
+    });
+  }
+  for (size_t i = 0; i < kSleepers + kEchoers; ++i)
+    ASSERT_TRUE(gw_.waitForReceived(i, handshakeRequest().size() + 1, kPatience)) << i;
+  const auto t0 = std::chrono::steady_clock::now();
+  EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_OK);
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, 1500ms) << "the sleepers' calls were cut short";
+  QvaGatewayToken *fresh[kFresh] = {};
+  for (auto &tok : fresh) ASSERT_EQ(open(&tok), QVA_OK);
+  for (int i = 0; i < 5 * kFresh; ++i) {
+    const std::string sent = "fresh call " + std::to_string(i);
+    std::string after;
+    EXPECT_EQ(echo(fresh[i % kFresh], sent, &after), ECI_NO_ERROR);
+    EXPECT_EQ(after, sent);
+  }
+  for (auto &c : callers) c.join();
+  EXPECT_EQ(wrong.load(), 0);
+  EXPECT_GE(lost.load(), kSleepers);
+}
+
+// A call past its token check when a close-all takes the token: the
+// close-all waits for the call, which ends with the connection lost, before
+// it frees the token (the sanitizer builds see any read of freed memory).
+std::atomic<bool> callPaused{false}, callMayGoOn{false};
+bool pauseAtTheParameterCopy(uint32_t, const char *tag) {
+  if (std::string_view(tag) != "EPRM") return false;
+  callPaused = true;
+  while (!callMayGoOn) std::this_thread::sleep_for(1ms);
+  return false;
+}
+
+TEST_F(HardeningTest, ACallPastItsTokenCheckOutlivesTheCloseAllThatTakesItsToken) {
+  std::atomic<int> callRc{1};
+  std::thread caller([&] {
+    QvaGatewayToken *tok = nullptr;
+    if (open(&tok) != QVA_OK) return;
+    setAllocFailHook(pauseAtTheParameterCopy);
+    callRc = echo(tok, "in flight");
+  });
+  while (!callPaused) std::this_thread::sleep_for(1ms);
+  std::atomic<int> closeAllRc{1};
+  std::thread closer([&] { closeAllRc = QVA_closeAllGatewayConnections(); });
+  ASSERT_TRUE(gw_.waitForClosed(0, kPatience));
+  std::this_thread::sleep_for(100ms);  // time enough to free a token it should not
+  callMayGoOn = true;
+  caller.join();
+  closer.join();
+  EXPECT_EQ(callRc.load(), QVA_ERR_LOSTGWCON);
+  EXPECT_EQ(closeAllRc.load(), QVA_OK);
 }
 
 }  // namespace

@@ -112,6 +112,7 @@ enum class Fault {
   ChannelTruncated,  // the body ends 10 bytes into the first entry's 28-byte fixed part
   ChannelDeleteUnknown,  // a DELETED CHAR entry NOSUCHCONT (length 0) before the program's entries
   ChannelHugeCount,  // an entry count of 0x7FFFFFFF, and one entry: the first, UNCHANGED
+  SlowClose,  // the reply to the close request comes closeDelay late
 };
 
 // "never-answer", "NeverAnswer" and "never_answer" all name Fault::NeverAnswer.
@@ -128,6 +129,7 @@ struct FaultPlan {
   int afterMessages = 0;
   int messages = 0;  // how many messages the fault bends from then on, counting only those it can bend; 0: every one
   uint32_t extraBytes = 64;  // for the oversize modes and channel-lying-length
+  std::chrono::milliseconds closeDelay{2000};  // for slow-close
   bool everyConnection = false;  // false: only the next connection accepted after setFault()
 };
 
