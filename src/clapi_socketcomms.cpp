@@ -14,6 +14,21 @@ namespace {
 
 const void *addr(const void *p) { return p; }
 
+// A header without its name: magic, version, flowType, flowReserved,
+// flowQualifier, nameLength and dataLength (4 bytes each) and headerFlag.
+constexpr uint32_t kHeaderSizeWithoutName = 7 * 4 + 1;
+// What every ECI body carries: callType, timeout, trailerFlag,
+// extensionMarker and trailerWord.
+constexpr int32_t kEciBodyFixedSize = 4 + 2 + 1 + 4 + 4;
+// The two extension length words, when extension strings follow.
+constexpr int32_t kEciExtensionLengthsSize = 2 * 4;
+// The fixed fields of a program call: extendMode, luwToken, spareInt,
+// spareByte, the server name's length and the name, userId, password,
+// programName and transId; extraDataLength and commareaLength; the two
+// length-present bytes and the channel-present byte.
+constexpr int32_t kProgramCallFixedSize = (4 + 4 + 4 + 1 + 4 + 8 + 16 + 16 + 8 + 4) + (4 + 4) + 3;
+static_assert(kHeaderSizeWithoutName == 29 && kEciBodyFixedSize == 15 && kProgramCallFixedSize == 80);
+
 // The language and country codes the handshake announces.
 constexpr uint8_t kHandshakeBody[22] = {0x00, 0x02, 'e', 'n', 0x00, 0x02, 'G', 'B'};
 
@@ -190,7 +205,7 @@ int readHeader(SocketBuffer *sockBuffer, GatewayRequest *req) {
   // The reply is expected to carry a name as long as the request's, which
   // is also all the name storage there is.
   const uint32_t nameCapacity = req->nameLength;
-  int rc = initReadBuffer(sockBuffer, sockBuffer->socketDesc, nameCapacity + 29);
+  int rc = initReadBuffer(sockBuffer, sockBuffer->socketDesc, nameCapacity + kHeaderSizeWithoutName);
   if (rc == QVA_OK) rc = fillBuffer(sockBuffer);
   if (rc == QVA_OK) {
     req->magic = static_cast<uint32_t>(readInt(sockBuffer));
@@ -224,7 +239,7 @@ int clapiFlowHandshakeRequest(int socketDesc, int32_t *reasons) {
   GatewayRequest req{};
   fillHeader(&req, kFlowHandshake, 0, name, sizeof kHandshakeBody);
   SocketBuffer sb{};
-  int rc = initWriteBuffer(&sb, socketDesc, req.nameLength + 29 + sizeof kHandshakeBody);
+  int rc = initWriteBuffer(&sb, socketDesc, req.nameLength + kHeaderSizeWithoutName + sizeof kHandshakeBody);
   if (rc == QVA_OK) {
     writeHeader(&sb, &req);
     writeBytes(&sb, kHandshakeBody, sizeof kHandshakeBody);
@@ -254,7 +269,7 @@ int clapiFlowCloseRequest(int socketDesc, int32_t *reasons) {
   GatewayRequest req{};
   fillHeader(&req, kFlowClose, -1, name, 0);
   SocketBuffer sb{};
-  int rc = initWriteBuffer(&sb, socketDesc, req.nameLength + 29);
+  int rc = initWriteBuffer(&sb, socketDesc, req.nameLength + kHeaderSizeWithoutName);
   if (rc == QVA_OK) {
     writeHeader(&sb, &req);
     rc = flushBuffer(&sb);
@@ -275,11 +290,12 @@ int clapiFlowCloseRequest(int socketDesc, int32_t *reasons) {
 
 int32_t calculateECIRequestSize(const GatewayRequest *request) {
   TRACE_ENTRY(3209, "clapi_socketcomms.calculateECIRequestSize(*request=%p)\n", addr(request));
-  int32_t size = 15;
-  if (request->extensionMarker != -1) size = 23 + request->extension1Length + request->extension2Length;
+  int32_t size = kEciBodyFixedSize;
+  if (request->extensionMarker != -1)
+    size += kEciExtensionLengthsSize + request->extension1Length + request->extension2Length;
   if (request->callType == kCallTypeListSystems) size += 4;
   if (isProgramCall(request->callType)) {
-    size += 80 + request->extraDataLength;
+    size += kProgramCallFixedSize + request->extraDataLength;
     if (request->replyDataLength > 0) size += 4;
     if (request->requestDataLength > 0) size += 4;
     if (carriesCommarea(request)) {
@@ -301,7 +317,7 @@ int clapiFlowECIRequest(int socketDesc, GatewayRequest *request, int32_t *reason
   const int32_t entryCapacity = request->commarea != nullptr ? std::max(request->systemCount, 0) : 0;
 
   SocketBuffer sb{};
-  int rc = initWriteBuffer(&sb, socketDesc, request->nameLength + 29 + static_cast<uint32_t>(request->dataLength));
+  int rc = initWriteBuffer(&sb, socketDesc, request->nameLength + kHeaderSizeWithoutName + static_cast<uint32_t>(request->dataLength));
   if (rc == QVA_OK) {
     writeHeader(&sb, request);
     writeEciBody(&sb, request);
