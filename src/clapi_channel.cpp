@@ -20,8 +20,6 @@ ClapiLock chanListLock;
 
 namespace {
 
-const void *addr(const void *p) { return p; }
-unsigned long ul(uint32_t value) { return value; }
 
 // Guards the registry's links for the liveness test of a token, beside
 // chanListLock: it writes no trace lines and is never held while another

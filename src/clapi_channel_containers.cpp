@@ -27,8 +27,6 @@ void keptOnPurpose([[maybe_unused]] const void *block) {
 #endif
 }
 
-const void *addr(const void *p) { return p; }
-unsigned long ul(uint32_t value) { return value; }
 const char *printable(const char *name) { return name != nullptr ? name : "NULL"; }
 
 // The steps every named operation shares after its own argument tests: the

@@ -95,6 +95,11 @@ CLAPI_EXPORT int clapiCompareTids(pthread_t tid1, pthread_t tid2);
 // Formats that print 8 hex digits get the low 32 bits of a pointer.
 inline uint32_t low32(const void *p) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(p)); }
 
+// Trace arguments for %p and %lu, so that each argument has the exact type
+// its conversion takes.
+inline const void *addr(const void *p) { return p; }
+inline unsigned long ul(uint32_t value) { return value; }
+
 // ---- Storage dumps ---------------------------------------------------------
 
 CLAPI_EXPORT uint32_t clapiTraceOutStorage(const void *data, uint32_t length, uint32_t stopWord,

@@ -113,7 +113,6 @@ int verifyEciParms(const ECI_PARMS *eciParms, int minVersion) {
 
 namespace {
 
-const void *addr(const void *p) { return p; }
 
 char ECI_REQUEST_NAME[4] = "ECI";
 

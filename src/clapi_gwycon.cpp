@@ -24,7 +24,6 @@ int sockOptOff = 0;
 
 namespace {
 
-const void *addr(const void *p) { return p; }
 
 // FIONBIO is given the option's value, not its address, as it always has
 // been: on Linux the request then fails with EFAULT and the socket stays

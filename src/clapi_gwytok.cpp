@@ -59,7 +59,6 @@ void endCallsOnToken(QvaGatewayToken *gwTok) {
   tokenReleased.wait(uses, [gwTok] { return gwTok->uses == 0; });
 }
 
-const void *addr(const void *p) { return p; }
 
 int chainGatewayToken(QvaGatewayToken *gwTok) {
   TRACE_ENTRY(2130, "clapi_qva_gwytok.chainGatewayToken(&gwTokPtr=%p)\n", addr(gwTok));

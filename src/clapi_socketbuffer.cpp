@@ -17,8 +17,6 @@
 
 namespace {
 
-const void *addr(const void *p) { return p; }
-unsigned long ul(uint32_t value) { return value; }
 
 // A send that takes part of a block is continued, and EINTR is retried.
 // Returns the bytes sent, or -1 with errno set. `more` is MSG_MORE when

@@ -12,7 +12,6 @@ char HANDSHAKE_REQUEST_NAME[5] = "BASE";
 
 namespace {
 
-const void *addr(const void *p) { return p; }
 
 // A header without its name: magic, version, flowType, flowReserved,
 // flowQualifier, nameLength and dataLength (4 bytes each) and headerFlag.

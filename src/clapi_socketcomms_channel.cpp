@@ -16,8 +16,6 @@
 
 namespace {
 
-const void *addr(const void *p) { return p; }
-unsigned long ul(uint32_t value) { return value; }
 
 constexpr uint32_t kChannelHeaderSize = 24;
 constexpr uint32_t kEntryHeaderSize = 28;
