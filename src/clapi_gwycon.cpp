@@ -17,6 +17,7 @@
 #include <ctime>
 
 #include "clapi_diag.h"
+#include "clapi_socketbuffer.h"
 #include "clapi_socketcomms.h"
 
 int sockOptOn = 1;
@@ -25,11 +26,18 @@ int sockOptOff = 0;
 namespace {
 
 
-// FIONBIO is given the option's value, not its address, as it always has
-// been: on Linux the request then fails with EFAULT and the socket stays
-// blocking, which is the connect behaviour applications rely on. The raw
-// system call keeps sanitizer interceptors from dereferencing the value.
-void setNonBlocking(int socketDesc, int value) { syscall(SYS_ioctl, socketDesc, FIONBIO, static_cast<long>(value)); }
+// By default FIONBIO is given the option's value, not its address, as it
+// always has been: kept on purpose. On Linux the request then fails with
+// EFAULT and the socket stays blocking, which is the connect behaviour
+// applications rely on. The raw system call keeps sanitizer interceptors from
+// dereferencing the value. forReal passes the address, and the mode changes.
+void setNonBlocking(int socketDesc, int &option, bool forReal) {
+  if (forReal) {
+    ioctl(socketDesc, FIONBIO, &option);
+  } else {
+    syscall(SYS_ioctl, socketDesc, FIONBIO, static_cast<long>(option));
+  }
+}
 
 // Waits for a connect in progress; kConnectOk, kConnectTimedOut or
 // kConnectFailed. An interrupted wait resumes with the time that is left, or
@@ -88,7 +96,13 @@ int connectAndGreet(const addrinfo *address, int port, const char *ipAddr, int *
   }
   TRACE_DEBUG(2005, "clapi_gwycon.clapiConnectToGateway Created socket: %d\n", socketDesc);
 
-  if (connTimeout != 0) setNonBlocking(socketDesc, sockOptOn);
+  // connTimeout is honoured only where the application opted in to the reply
+  // deadline: the socket is then really non-blocking while it connects, and
+  // blocking again before the handshake. A connect that fails leaves it
+  // non-blocking, so that the close flow which follows on the half-open
+  // socket fails at once instead of waiting for the system's connect timeout.
+  const bool honourTimeout = connTimeout > 0 && clapiGetReplyTimeout() > 0;
+  if (connTimeout != 0) setNonBlocking(socketDesc, sockOptOn, honourTimeout);
   int code = kConnectOk;
   if (connect(socketDesc, address->ai_addr, address->ai_addrlen) != 0) {
     // An interrupted connect goes on in the background, like one in progress.
@@ -101,7 +115,7 @@ int connectAndGreet(const addrinfo *address, int port, const char *ipAddr, int *
   }
   TRACE_DEBUG(2012, "clapi_gwycon.clapiConnectToGatewayConnected to Gateway %s:%u\n", ipAddr != nullptr ? ipAddr : "NULL",
               static_cast<unsigned>(port));
-  if (connTimeout != 0) setNonBlocking(socketDesc, sockOptOff);
+  if (connTimeout != 0) setNonBlocking(socketDesc, sockOptOff, honourTimeout);
 
   // Nothing fills the Gateway's own codes on this path; they are shown as 0.
   int32_t reasons = 0;

@@ -55,8 +55,20 @@ QVA_API int QVA_dumpState(void);
 typedef struct QvaGatewayToken QvaGatewayToken;
 
 /* Connects to the Gateway at hostname:port (host name or numeric address)
- * and greets it. connTimeout is in seconds, 0 to 3600. On success the new
- * token is stored in *gwTokPtr. */
+ * and greets it. On success the new token is stored in *gwTokPtr.
+ *
+ * connTimeout must be 0 to 3600 (else QVA_ERR_INVALIDTIMEOUTPARM), but by
+ * default it does not limit the connect: the connect blocks until it is
+ * made, refused, or ended by the system's own TCP connect timeout (minutes
+ * on Linux), whatever connTimeout says. Only a connect that a signal
+ * interrupts (a handler installed without SA_RESTART) waits at most
+ * connTimeout seconds more for its end.
+ *
+ * With the reply deadline set (QVA_CLIENT_REPLY_TIMEOUT), connTimeout is
+ * honoured: a connect not made within connTimeout seconds fails with
+ * QVA_ERR_CONNECTTIMEOUT; 0 sets no limit. The handshake's reply is then
+ * bounded by the reply deadline like any other: one that does not come in
+ * time fails the open with QVA_ERR_CONNECTFAILED. */
 QVA_API int QVA_openRemoteGatewayConnection(const char *hostname, int port, QvaGatewayToken **gwTokPtr,
                                             int connTimeout);
 
