@@ -17,6 +17,7 @@
 
 #include "common.h"
 #include "containers.h"
+#include "qva_version.h"
 #include "qvaclient/qvaclient.h"
 #include "qvaemu/gateway.h"
 
@@ -25,6 +26,11 @@ namespace {
 using qvacall::parseHex;
 using qvacall::parseInt;
 using qvacall::rcName;
+
+// The most a COMMAREA can hold: its length travels as a signed 16-bit number.
+constexpr size_t kCommareaLimit = 32767;
+// A longer COMMAREA is printed as its first kShownBytes bytes.
+constexpr size_t kShownBytes = 256;
 
 struct CallOptions {
   std::string host;  // empty: embedded emulator
@@ -64,9 +70,11 @@ void usage(FILE *out) {
       "Call:\n"
       "  --server NAME           server name (8 characters at most)\n"
       "  --user NAME             user id\n"
-      "  --password TEXT         password (never shown); --password - reads it\n"
-      "                          from the terminal without echo; or set QVA_PASSWORD\n"
-      "  --text TEXT             COMMAREA contents as text\n"
+      "  --password TEXT         password (never shown); --password - reads a line\n"
+      "                          from standard input, without echo on a terminal;\n"
+      "                          or set QVA_PASSWORD\n"
+      "  --text TEXT             COMMAREA contents as text (32767 bytes at most,\n"
+      "                          as for --hex and --file)\n"
       "  --hex HEX               COMMAREA contents as hex digits\n"
       "  --file PATH             COMMAREA contents from a file\n"
       "  --length N              COMMAREA length (default: the contents' length)\n"
@@ -77,7 +85,11 @@ void usage(FILE *out) {
       "  --timeout S             ECI time limit in seconds, enforced by the Gateway\n"
       "  --send-length N         send only N COMMAREA bytes\n"
       "  --receive-length N      receive at most N COMMAREA bytes\n"
-      "  --list-capacity N       entries --list can take (default 16)\n",
+      "  --list-capacity N       entries --list can take (default 16)\n"
+      "Output of a COMMAREA call: the rc= line, \"abend code: XXXX\" when the program\n"
+      "abended, \"LUW token: N\", \"COMMAREA (N bytes): \" with the returned COMMAREA\n"
+      "as text, then as a hex dump; a COMMAREA over 256 bytes shows its first 256 and a\n"
+      "line with the count of the bytes left out.\n",
       out);
   qvacall::channelUsage(out);
   std::fputs(
@@ -85,8 +97,12 @@ void usage(FILE *out) {
       "  --trace-level N         0 (off) to 5\n"
       "  --trace-file PATH       append the trace to PATH (default: standard error)\n"
       "  --quiet                 print only the result line\n"
-      "Exit status: 0 when the result is 0, 1 for any other result or failure, 2 for\n"
-      "a usage error.\n",
+      "Other:\n"
+      "  --version               print the versions of qva-call and of the library\n"
+      "  -h, --help              print this text\n"
+      "Exit status: 0 when the call (or --list) ends with result 0; 1 when it ends\n"
+      "with another result or cannot be made; 2 for a usage error (an unknown option,\n"
+      "a bad or oversize value, no program named).\n",
       out);
 }
 
@@ -99,12 +115,14 @@ bool parseExtendMode(const std::string &text, int *mode) {
   return true;
 }
 
-std::string readPasswordFromTerminal() {
-  std::fputs("Password: ", stderr);
-  std::fflush(stderr);
+// A line of standard input: from a terminal after a prompt and without echo,
+// else as it comes (a pipe or a file).
+std::string readPassword() {
   termios saved{};
   bool terminal = tcgetattr(STDIN_FILENO, &saved) == 0;
   if (terminal) {
+    std::fputs("Password: ", stderr);
+    std::fflush(stderr);
     termios silent = saved;
     silent.c_lflag &= static_cast<tcflag_t>(~ECHO);
     tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
@@ -112,12 +130,21 @@ std::string readPasswordFromTerminal() {
   std::string password;
   int c;
   while ((c = std::fgetc(stdin)) != EOF && c != '\n') password += static_cast<char>(c);
-  if (terminal) tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
-  std::fputc('\n', stderr);
+  if (terminal) {
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
+    std::fputc('\n', stderr);
+  }
   return password;
 }
 
-// Returns 0 when the options are complete, 2 on a usage error, 1 for --help.
+void printVersion() {
+  char *library = nullptr;
+  bool known = QVA_getDLLVersion(&library) == QVA_OK && library != nullptr;
+  std::printf("qva-call %s (library %s)\n", QVA_VERSION_TEXT, known ? library : "unknown");
+}
+
+// Returns 0 when the options are complete, 2 on a usage error, 1 for --help
+// and --version.
 int parseOptions(int argc, char **argv, CallOptions *options) {
   bool contentsGiven = false;
   for (int i = 1; i < argc; ++i) {
@@ -142,6 +169,12 @@ int parseOptions(int argc, char **argv, CallOptions *options) {
     auto commareaOption = [&]() {
       if (options->commareaOption.empty()) options->commareaOption = arg;
     };
+    auto withinLimit = [&]() {
+      if (options->commarea.size() <= kCommareaLimit) return true;
+      std::fprintf(stderr, "qva-call: COMMAREA of %zu bytes from %s is over the limit of %zu bytes\n",
+                   options->commarea.size(), arg.c_str(), kCommareaLimit);
+      return false;
+    };
     auto contents = [&]() {
       commareaOption();
       if (contentsGiven) {
@@ -155,6 +188,9 @@ int parseOptions(int argc, char **argv, CallOptions *options) {
       if (taken == qvacall::ChannelOptions::Parse::UsageError) return 2;
     } else if (arg == "--help" || arg == "-h") {
       usage(stdout);
+      return 1;
+    } else if (arg == "--version") {
+      printVersion();
       return 1;
     } else if (arg == "--host") {
       if (!value(&v)) return 2;
@@ -180,26 +216,29 @@ int parseOptions(int argc, char **argv, CallOptions *options) {
       options->user = v;
     } else if (arg == "--password") {
       if (!value(&v)) return 2;
-      options->password = std::strcmp(v, "-") == 0 ? readPasswordFromTerminal() : v;
+      options->password = std::strcmp(v, "-") == 0 ? readPassword() : v;
     } else if (arg == "--text") {
       if (!contents()) return 2;
       options->commarea.assign(v, v + std::strlen(v));
+      if (!withinLimit()) return 2;
     } else if (arg == "--hex") {
       if (!contents()) return 2;
       if (!parseHex(v, &options->commarea)) {
         std::fputs("qva-call: --hex takes pairs of hex digits\n", stderr);
         return 2;
       }
+      if (!withinLimit()) return 2;
     } else if (arg == "--file") {
       if (!contents()) return 2;
       if (!qvacall::readFile(v, &options->commarea)) {
         std::fprintf(stderr, "qva-call: cannot read %s: %s\n", v, std::strerror(errno));
         return 2;
       }
+      if (!withinLimit()) return 2;
     } else if (arg == "--length") {
       commareaOption();
       int length = 0;
-      if (!intOption(0, 32767, &length)) return 2;
+      if (!intOption(0, static_cast<long>(kCommareaLimit), &length)) return 2;
       options->commareaLength = length;
     } else if (arg == "--extend") {
       if (!value(&v)) return 2;
@@ -287,6 +326,22 @@ void printDump(const uint8_t *data, size_t length) {
   }
 }
 
+// The heading with the length and the text, trailing zeros left out, then the
+// dump; of the first kShownBytes bytes only when there are more.
+void printCommarea(const std::vector<uint8_t> &commarea) {
+  size_t shown = std::min(commarea.size(), kShownBytes);
+  std::printf("COMMAREA (%zu bytes): ", commarea.size());
+  size_t shownText = shown;
+  while (shownText > 0 && commarea[shownText - 1] == 0) --shownText;
+  for (size_t i = 0; i < shownText; ++i) {
+    unsigned char c = commarea[i];
+    std::fputc(std::isprint(c) ? c : '.', stdout);
+  }
+  std::fputc('\n', stdout);
+  printDump(commarea.data(), shown);
+  if (commarea.size() > shown) std::printf("  (%zu more bytes not shown)\n", commarea.size() - shown);
+}
+
 int listServers(QvaGatewayToken *token, const CallOptions &options) {
   std::vector<QVA_SYSTEM_ENTRY> list(options.listCapacity);
   unsigned short systems = static_cast<unsigned short>(options.listCapacity);
@@ -346,15 +401,7 @@ int callProgram(QvaGatewayToken *token, CallOptions &options) {
   parms.eci_commarea_length = static_cast<short>(length);
   int rc = QVA_ECI_Execute(token, &parms);
   if (!printOutcome(rc, parms, options)) return rc;
-  std::printf("COMMAREA (%zu bytes): ", length);
-  size_t shownText = length;
-  while (shownText > 0 && commarea[shownText - 1] == 0) --shownText;
-  for (size_t i = 0; i < shownText; ++i) {
-    unsigned char c = commarea[i];
-    std::fputc(std::isprint(c) ? c : '.', stdout);
-  }
-  std::fputc('\n', stdout);
-  printDump(commarea.data(), length);
+  printCommarea(commarea);
   return rc;
 }
 
