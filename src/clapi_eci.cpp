@@ -19,6 +19,7 @@ namespace {
 // Slot rc + 60 names ECI code rc, for rc from -60 to -1.
 constexpr std::array<const char *, 60> kEciNames = [] {
   std::array<const char *, 60> names{};
+  // NOLINTNEXTLINE(bugprone-misplaced-widening-cast): rc is -60 to -1, the sum cannot overflow
   auto set = [&names](int rc, const char *name) { names[static_cast<size_t>(rc + 60)] = name; };
   set(-1, "ECI_ERR_INVALID_DATA_LENGTH");
   set(-2, "ECI_ERR_INVALID_EXTEND_MODE");
@@ -56,7 +57,7 @@ constexpr std::array<const char *, 60> kEciNames = [] {
 
 const char *eciCodeName(int rc) {
   if (rc < -60 || rc > -1) return nullptr;
-  return kEciNames[static_cast<size_t>(rc + 60)];
+  return kEciNames[static_cast<size_t>(rc + 60)];  // NOLINT(bugprone-misplaced-widening-cast): checked above
 }
 
 char *QVA_getRcStringECI(int rc, char *rcString) {

@@ -76,6 +76,20 @@ int waitForConnection(int socketDesc, int connTimeout) {
   }
 }
 
+// The text std::strerror gives for an errno value, without its buffer: that
+// may be shared by every thread (glibc documents strerror as MT-Unsafe), and
+// connections are opened on many threads at once. strerror_r fills one of
+// ours; the temporary lives until the end of the trace call that names it.
+// The GNU strerror_r returns the text, the POSIX one an int: one of the two
+// overloads below is unused with any given C library.
+[[maybe_unused]] const char *chosenText(int /*posixRc*/, const char *buffer) { return buffer; }
+[[maybe_unused]] const char *chosenText(const char *gnuText, const char * /*buffer*/) { return gnuText; }
+struct ErrnoText {
+  explicit ErrnoText(int error) : text(chosenText(strerror_r(error, buffer, sizeof buffer), buffer)) {}
+  char buffer[256];
+  const char *text;
+};
+
 int connectAndGreet(const addrinfo *address, int port, const char *ipAddr, int *socketDescriptorPtr,
                     int connTimeout) {
   TRACE_DEBUG(2002, "clapi_gwycon.clapiConnectToGateway Creating socket for family %d, type %d, protocol %d\n",
@@ -84,7 +98,7 @@ int connectAndGreet(const addrinfo *address, int port, const char *ipAddr, int *
   *socketDescriptorPtr = socketDesc;
   if (socketDesc < 0) {
     int error = errno;
-    TRACE_EXC(2003, "clapi_gwycon.clapiConnectToGateway Unable to create a socket: %s(%d)\n", std::strerror(error),
+    TRACE_EXC(2003, "clapi_gwycon.clapiConnectToGateway Unable to create a socket: %s(%d)\n", ErrnoText(error).text,
               error);
     return kConnectNoSocket;
   }
@@ -110,7 +124,7 @@ int connectAndGreet(const addrinfo *address, int port, const char *ipAddr, int *
   }
   if (code != kConnectOk) {
     int error = errno;
-    TRACE_EXC(2011, "clapi_gwycon.clapiConnectToGatewayUnable to connect to Gateway: %s\n", std::strerror(error));
+    TRACE_EXC(2011, "clapi_gwycon.clapiConnectToGatewayUnable to connect to Gateway: %s\n", ErrnoText(error).text);
     return code == kConnectTimedOut ? kConnectTimedOut : kConnectFailed;
   }
   TRACE_DEBUG(2012, "clapi_gwycon.clapiConnectToGatewayConnected to Gateway %s:%u\n", ipAddr != nullptr ? ipAddr : "NULL",
@@ -124,7 +138,7 @@ int connectAndGreet(const addrinfo *address, int port, const char *ipAddr, int *
   int flowRc = clapiFlowHandshakeRequest(socketDesc, &reasons);
   if (flowRc != 0) {
     TRACE_EXC(2014, "clapi_gwycon.clapiConnectToGatewayHandshake flows failed rc=%d errno=%s gwyRc=%d authRc=%d\n",
-              flowRc, std::strerror(reasons), gwyRc, authRc);
+              flowRc, ErrnoText(reasons).text, gwyRc, authRc);
     return kConnectFailed;
   }
   TRACE_DEBUG(2013, "clapi_gwycon.clapiConnectToGatewayFlowed Handshake to the Gateway\n");
