@@ -13,9 +13,12 @@ constexpr size_t kExcerptBytes = 16;
 
 const char *typeName(uint32_t type) {
   switch (type) {
-    case ECI_BIT: return "BIT";
-    case ECI_CHAR: return "CHAR";
-    default: return "?";
+    case ECI_BIT:
+      return "BIT";
+    case ECI_CHAR:
+      return "CHAR";
+    default:
+      return "?";
   }
 }
 

@@ -107,11 +107,16 @@ void usage(FILE *out) {
 }
 
 bool parseExtendMode(const std::string &text, int *mode) {
-  if (text == "0" || text == "none") *mode = ECI_NO_EXTEND;
-  else if (text == "1" || text == "extended") *mode = ECI_EXTENDED;
-  else if (text == "2" || text == "commit") *mode = ECI_COMMIT;
-  else if (text == "4" || text == "backout") *mode = ECI_BACKOUT;
-  else return false;
+  if (text == "0" || text == "none")
+    *mode = ECI_NO_EXTEND;
+  else if (text == "1" || text == "extended")
+    *mode = ECI_EXTENDED;
+  else if (text == "2" || text == "commit")
+    *mode = ECI_COMMIT;
+  else if (text == "4" || text == "backout")
+    *mode = ECI_BACKOUT;
+  else
+    return false;
   return true;
 }
 
@@ -281,7 +286,8 @@ int parseOptions(int argc, char **argv, CallOptions *options) {
   }
   if (!options->channel.finish()) return 2;
   if (options->channel.channelCall() && !options->commareaOption.empty()) {
-    std::fprintf(stderr, "qva-call: %s does not go with a channel call (--channel, --container...): it has no COMMAREA\n",
+    std::fprintf(stderr,
+                 "qva-call: %s does not go with a channel call (--channel, --container...): it has no COMMAREA\n",
                  options->commareaOption.c_str());
     return 2;
   }
@@ -314,8 +320,10 @@ void printDump(const uint8_t *data, size_t length) {
   for (size_t offset = 0; offset < length; offset += 16) {
     std::printf("  %04zx  ", offset);
     for (size_t i = 0; i < 16; ++i) {
-      if (offset + i < length) std::printf("%02X ", data[offset + i]);
-      else std::fputs("   ", stdout);
+      if (offset + i < length)
+        std::printf("%02X ", data[offset + i]);
+      else
+        std::fputs("   ", stdout);
     }
     std::fputs(" ", stdout);
     for (size_t i = 0; i < 16 && offset + i < length; ++i) {
@@ -454,9 +462,12 @@ int main(int argc, char **argv) {
     if (channel != nullptr) ECI_deleteChannel(&channel);
     return 1;
   }
-  if (options.list) rc = listServers(token, options);
-  else if (channel != nullptr) rc = callWithChannel(token, options, channel);
-  else rc = callProgram(token, options);
+  if (options.list)
+    rc = listServers(token, options);
+  else if (channel != nullptr)
+    rc = callWithChannel(token, options, channel);
+  else
+    rc = callProgram(token, options);
   if (channel != nullptr) ECI_deleteChannel(&channel);
   QVA_closeGatewayConnection(&token);
   emulator.stop();

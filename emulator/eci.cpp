@@ -39,8 +39,8 @@ const ServerEntry* findServer(const Config& config, const std::string& name) {
 
 // ECHO, UPPER, ABEND, SLEEP, SHORT; any other name abends with AEI0. False
 // when the wait of a SLEEP was cut short.
-bool runCommareaProgram(const std::string& program, std::vector<uint8_t>& commarea, size_t received,
-                        int16_t timeout, const Waiter& wait, ProgramResult& result) {
+bool runCommareaProgram(const std::string& program, std::vector<uint8_t>& commarea, size_t received, int16_t timeout,
+                        const Waiter& wait, ProgramResult& result) {
   if (program == "ECHO") {
   } else if (program == "UPPER") {
     for (auto& b : commarea)
@@ -49,8 +49,8 @@ bool runCommareaProgram(const std::string& program, std::vector<uint8_t>& commar
     result.rc = kEciErrTransactionAbend;
     result.abend = code("ABND");
     if (received >= 4 && std::none_of(commarea.begin(), commarea.begin() + 4, isBlank))
-      result.abend = {static_cast<char>(commarea[0]), static_cast<char>(commarea[1]),
-                      static_cast<char>(commarea[2]), static_cast<char>(commarea[3])};
+      result.abend = {static_cast<char>(commarea[0]), static_cast<char>(commarea[1]), static_cast<char>(commarea[2]),
+                      static_cast<char>(commarea[3])};
   } else if (program == "SLEEP") {
     const int ms = sleepMillis(commarea, received);
     if (timeout > 0 && ms > timeout * 1000) {

@@ -19,7 +19,7 @@ class FaultWindow {
  public:
   explicit FaultWindow(const FaultPlan& plan) : plan_(plan) {}
   bool open(size_t message) const;  // messages are numbered from 0, in order
-  void bent() { ++bent_; }  // one more message was bent
+  void bent() { ++bent_; }          // one more message was bent
 
  private:
   const FaultPlan& plan_;
@@ -43,8 +43,8 @@ wire::ServerListReply oversizeServerList(const eci::Config& config, int32_t capa
 enum class Next {
   CarryOn,  // read the next message
   Silence,  // read on, answer nothing more
-  Close,  // close the connection, draining what the peer still sends
-  Stop,  // the connection is gone
+  Close,    // close the connection, draining what the peer still sends
+  Stop,     // the connection is gone
 };
 // Sends the reply as the fault says (Fault::None: as it is).
 Next transmit(Link& link, Reply& reply, Fault fault, const wire::Header& request);

@@ -37,9 +37,9 @@ struct Gateway::Impl {
   std::atomic<int32_t> tokenSource{0x00010001};
   std::atomic<uint16_t> port{0};
 
-  std::mutex lifecycle;  // serialises start() and stop()
-  bool started = false;  // guarded by lifecycle
-  bool running = false;  // guarded by lifecycle
+  std::mutex lifecycle;        // serialises start() and stop()
+  bool started = false;        // guarded by lifecycle
+  bool running = false;        // guarded by lifecycle
   std::vector<int> listenFds;  // guarded by lifecycle; the accept thread only reads them
   int wakePipe[2] = {-1, -1};
   std::thread acceptThread;

@@ -116,8 +116,8 @@ Bytes field(std::string_view text, size_t width, uint8_t pad) {
 Bytes name16(std::string_view name) { return field(name, 16, 0); }
 
 Bytes request(const Call &c) {
-  const auto length = c.commareaLength < 0 ? static_cast<uint32_t>(c.commarea.size())
-                                           : static_cast<uint32_t>(c.commareaLength);
+  const auto length =
+      c.commareaLength < 0 ? static_cast<uint32_t>(c.commarea.size()) : static_cast<uint32_t>(c.commareaLength);
   Bytes b;
   b.reserve(95 + c.commarea.size() + c.channelBlock.size());
   put32(b, static_cast<uint32_t>(c.callType));

@@ -12,8 +12,8 @@ namespace qvaemu {
 struct Reply {
   wire::Header header;
   wire::Body body;
-  bool send = true;  // false: the wait of a SLEEP was cut short
-  bool closeAfter = false;  // the close flow ends the connection
+  bool send = true;                   // false: the wait of a SLEEP was cut short
+  bool closeAfter = false;            // the close flow ends the connection
   std::chrono::milliseconds delay{};  // held back this long before it is sent
 };
 

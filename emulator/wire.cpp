@@ -147,9 +147,7 @@ std::string trimField(const char* p, size_t n) {
   return std::string(p, n);
 }
 
-bool isProgramCall(int32_t callType) {
-  return callType == kCallProgram || callType == kCallProgramTpn;
-}
+bool isProgramCall(int32_t callType) { return callType == kCallProgram || callType == kCallProgramTpn; }
 
 bool carriesNoCommarea(int32_t extendMode) { return extendMode == 2 || extendMode == 4; }
 

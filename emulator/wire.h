@@ -28,8 +28,8 @@ inline constexpr int32_t kCallProgramTpn = 12;
 inline constexpr int32_t kCallServerList = 9;
 inline constexpr size_t kHeaderFixed = 29;  // header bytes besides the name
 inline constexpr size_t kNameLengthOffset = 20;
-inline constexpr size_t kEntrySize = 70;  // one server-list entry
-inline constexpr size_t kChannelFixed = 24;  // channel name, CCSID, entry count
+inline constexpr size_t kEntrySize = 70;       // one server-list entry
+inline constexpr size_t kChannelFixed = 24;    // channel name, CCSID, entry count
 inline constexpr size_t kContainerFixed = 28;  // a container entry before its data
 
 // Container states: every request entry is ADDED; a return flow uses all four.
@@ -56,9 +56,7 @@ class Writer {
     out_.resize(at + b.size());
     std::memcpy(out_.data() + at, b.data(), b.size());
   }
-  void text(const std::string& s) {
-    out_.insert(out_.end(), s.begin(), s.end());
-  }
+  void text(const std::string& s) { out_.insert(out_.end(), s.begin(), s.end()); }
   void fill(size_t n, uint8_t v) { out_.insert(out_.end(), n, v); }
 
  private:
@@ -199,7 +197,7 @@ struct EciRequest {
   int32_t requestDataLength = 0;
   bool hasReplyDataLength = false;
   int32_t replyDataLength = 0;
-  std::vector<uint8_t> commarea;  // the bytes that travelled
+  std::vector<uint8_t> commarea;   // the bytes that travelled
   std::optional<Channel> channel;  // channel-present byte 0xFF; data ranges point into the body
   int32_t systemCount = 0;
   int16_t timeout = 0;

@@ -20,7 +20,6 @@ ClapiLock chanListLock;
 
 namespace {
 
-
 // Guards the registry's links for the liveness test of a token, beside
 // chanListLock: it writes no trace lines and is never held while another
 // lock is requested, so it stays out of the traced lock order.
@@ -368,11 +367,10 @@ int QVA_ECI_dumpChannels(void) {
 // First match wins, so the longer "zh_TW.big5" stands before "zh_TW" and
 // "zh". "bu", "iw", "ji" and "sh" are the table's own codes.
 const CodeSetEntry CodeSetTable[] = {
-    {"ar", 1089}, {"bu", 915},  {"cs", 912},   {"el", 813},    {"hr", 912},         {"hu", 912},
-    {"iw", 916},  {"ja", 5050}, {"ji", 916},   {"ko", 970},    {"lv", 912},         {"mk", 915},
-    {"pl", 912},  {"ro", 912},  {"ru", 915},   {"sh", 912},    {"sl", 912},         {"sk", 912},
-    {"sr", 915},  {"tr", 920},  {"zh_TW.big5", 950}, {"zh_TW", 964}, {"zh_CN", 1383}, {"zh", 1383},
-    {"big5", 950}, {"tchinese", 964}, {"", 0},
+    {"ar", 1089},   {"bu", 915},     {"cs", 912},  {"el", 813},   {"hr", 912},       {"hu", 912}, {"iw", 916},
+    {"ja", 5050},   {"ji", 916},     {"ko", 970},  {"lv", 912},   {"mk", 915},       {"pl", 912}, {"ro", 912},
+    {"ru", 915},    {"sh", 912},     {"sl", 912},  {"sk", 912},   {"sr", 915},       {"tr", 920}, {"zh_TW.big5", 950},
+    {"zh_TW", 964}, {"zh_CN", 1383}, {"zh", 1383}, {"big5", 950}, {"tchinese", 964}, {"", 0},
 };
 
 namespace {

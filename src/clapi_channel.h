@@ -12,9 +12,9 @@
 inline constexpr int kNameSize = 16;
 
 struct Container {
-  char eyecatcher[8];  // "QVACONTA", no terminator
+  char eyecatcher[8];    // "QVACONTA", no terminator
   char name[kNameSize];  // NUL-filled; no terminator at full length
-  int32_t ccsid;  // 0 for ECI_BIT
+  int32_t ccsid;         // 0 for ECI_BIT
   int32_t type;
   uint8_t *dataPtr;  // guarded block "CDAT", or null
   uint32_t dataLength;
@@ -27,9 +27,9 @@ struct QvaChannel {
   char name[kNameSize];
   int32_t ccsid;  // -1 until decided
   int32_t numContainers;
-  Container *firstCont;  // newest first
+  Container *firstCont;    // newest first
   Container *currentCont;  // the walk's cursor
-  ClapiLock lock;  // guards the fields above and the containers
+  ClapiLock lock;          // guards the fields above and the containers
   QvaChannel *nextChannel;
 };
 

@@ -32,8 +32,8 @@ const char *printable(const char *name) { return name != nullptr ? name : "NULL"
 // The steps every named operation shares after its own argument tests: the
 // name rule, the channel test and the search. On 0 the channel's lock is
 // held by `held` and *found is the container.
-int findNamed(HeldChannel &held, QvaChannel *chanTok, const char *name, const char *operation,
-              int notChannelPoint, int notFoundPoint, Container **found, Container **predecessor = nullptr) {
+int findNamed(HeldChannel &held, QvaChannel *chanTok, const char *name, const char *operation, int notChannelPoint,
+              int notFoundPoint, Container **found, Container **predecessor = nullptr) {
   int rc = validateName(name);
   if (rc != 0) return rc;
   if (!held.acquire(chanTok)) {
@@ -175,8 +175,8 @@ int ECI_setContainerData(QvaChannel *chanTok, const char *name, const void *data
     // neither cleared nor freed, and the fresh block below takes its place,
     // so the old one stays allocated for the life of the process. Kept so.
     if (cont->dataLength != dataLength && cont->dataPtr != nullptr) {
-      TRACE_DEBUG(1395, "API.ECI_setContainerData Freeing %lu bytes of container data (%p)\n",
-                  ul(cont->dataLength), addr(cont->dataPtr));
+      TRACE_DEBUG(1395, "API.ECI_setContainerData Freeing %lu bytes of container data (%p)\n", ul(cont->dataLength),
+                  addr(cont->dataPtr));
       if (freeContainerData(cont) != 0) rc = ECI_ERR_SYSTEM_ERROR;
       cont->dataLength = 0;
     }

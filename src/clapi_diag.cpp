@@ -240,8 +240,7 @@ int clapiWriteStorageLineDual(const uint8_t *data, uint32_t bytesPerLine, int32_
   return shown;
 }
 
-uint32_t clapiTraceOutStorage(const void *data, uint32_t length, uint32_t stopWord, uint32_t bytesPerLine,
-                              int flag) {
+uint32_t clapiTraceOutStorage(const void *data, uint32_t length, uint32_t stopWord, uint32_t bytesPerLine, int flag) {
   FILE *out = currentStream();
   std::fprintf(out, "Data truncation size=%lu, offset=%lu\n", static_cast<unsigned long>(clientAPIDataTrunc),
                static_cast<unsigned long>(clientAPIDataOffset));

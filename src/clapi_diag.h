@@ -33,19 +33,15 @@ inline constexpr int kTraceEntryExit = 3;
 inline constexpr int kTraceDebug = 4;
 inline constexpr int kTraceLocks = 5;
 
-inline bool traceOn(int threshold) {
-  return clientAPITrace.load(std::memory_order_relaxed) >= threshold;
-}
+inline bool traceOn(int threshold) { return clientAPITrace.load(std::memory_order_relaxed) >= threshold; }
 
 // Writes one trace line under traceLock. Callers test the level first (the
 // macros below do), so a disabled trace point costs one comparison.
-CLAPI_EXPORT void clapiTrace(int point, const char *word, const char *fmt, ...)
-    CLAPI_PRINTF(3, 4);
+CLAPI_EXPORT void clapiTrace(int point, const char *word, const char *fmt, ...) CLAPI_PRINTF(3, 4);
 
 // A "DATA" line followed by the storage dump of the block, both under one
 // hold of traceLock so that they stay together.
-CLAPI_EXPORT void clapiTraceData(int point, const void *data, uint32_t length, const char *fmt, ...)
-    CLAPI_PRINTF(4, 5);
+CLAPI_EXPORT void clapiTraceData(int point, const void *data, uint32_t length, const char *fmt, ...) CLAPI_PRINTF(4, 5);
 
 // The lock module's own lines: same format, written without traceLock,
 // because traceLock is itself one of its locks.
@@ -66,17 +62,17 @@ std::string clapiTraceFilenameCopy();
 // where the destination could change meanwhile.
 void clapiWriteTraceBanner(int level);
 
-#define CLAPI_TRACE(threshold, point, word, ...)               \
-  do {                                                         \
+#define CLAPI_TRACE(threshold, point, word, ...)                  \
+  do {                                                            \
     if (traceOn(threshold)) clapiTrace(point, word, __VA_ARGS__); \
   } while (0)
-#define TRACE_EXC(point, ...) CLAPI_TRACE(kTraceExc, point, "*EXC*", __VA_ARGS__)
+#define TRACE_EXC(point, ...)   CLAPI_TRACE(kTraceExc, point, "*EXC*", __VA_ARGS__)
 #define TRACE_EVENT(point, ...) CLAPI_TRACE(kTraceEvent, point, "EVENT", __VA_ARGS__)
 #define TRACE_ENTRY(point, ...) CLAPI_TRACE(kTraceEntryExit, point, "ENTRY", __VA_ARGS__)
-#define TRACE_EXIT(point, ...) CLAPI_TRACE(kTraceEntryExit, point, "EXIT", __VA_ARGS__)
+#define TRACE_EXIT(point, ...)  CLAPI_TRACE(kTraceEntryExit, point, "EXIT", __VA_ARGS__)
 #define TRACE_DEBUG(point, ...) CLAPI_TRACE(kTraceDebug, point, "DEBUG", __VA_ARGS__)
-#define TRACE_DATA(point, data, length, ...)                                 \
-  do {                                                                       \
+#define TRACE_DATA(point, data, length, ...)                                    \
+  do {                                                                          \
     if (traceOn(kTraceDebug)) clapiTraceData(point, data, length, __VA_ARGS__); \
   } while (0)
 
@@ -102,8 +98,8 @@ inline unsigned long ul(uint32_t value) { return value; }
 
 // ---- Storage dumps ---------------------------------------------------------
 
-CLAPI_EXPORT uint32_t clapiTraceOutStorage(const void *data, uint32_t length, uint32_t stopWord,
-                                           uint32_t bytesPerLine, int flag);
+CLAPI_EXPORT uint32_t clapiTraceOutStorage(const void *data, uint32_t length, uint32_t stopWord, uint32_t bytesPerLine,
+                                           int flag);
 CLAPI_EXPORT int clapiWriteStorageLineDual(const uint8_t *data, uint32_t bytesPerLine, int32_t remaining,
                                            uint32_t stopWord, int flag);
 CLAPI_EXPORT int clapiWriteStorageLineHex(const uint8_t *data, uint32_t bytesPerLine, int32_t remaining,

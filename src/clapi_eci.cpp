@@ -114,7 +114,6 @@ int verifyEciParms(const ECI_PARMS *eciParms, int minVersion) {
 
 namespace {
 
-
 char ECI_REQUEST_NAME[4] = "ECI";
 
 void fillRequestHeader(GatewayRequest *request, char *name) {

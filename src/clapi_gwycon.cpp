@@ -25,7 +25,6 @@ int sockOptOff = 0;
 
 namespace {
 
-
 // By default FIONBIO is given the option's value, not its address, as it
 // always has been: kept on purpose. On Linux the request then fails with
 // EFAULT and the socket stays blocking, which is the connect behaviour
@@ -90,8 +89,7 @@ struct ErrnoText {
   const char *text;
 };
 
-int connectAndGreet(const addrinfo *address, int port, const char *ipAddr, int *socketDescriptorPtr,
-                    int connTimeout) {
+int connectAndGreet(const addrinfo *address, int port, const char *ipAddr, int *socketDescriptorPtr, int connTimeout) {
   TRACE_DEBUG(2002, "clapi_gwycon.clapiConnectToGateway Creating socket for family %d, type %d, protocol %d\n",
               address->ai_family, address->ai_socktype, address->ai_protocol);
   int socketDesc = socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC, address->ai_protocol);
@@ -127,8 +125,8 @@ int connectAndGreet(const addrinfo *address, int port, const char *ipAddr, int *
     TRACE_EXC(2011, "clapi_gwycon.clapiConnectToGatewayUnable to connect to Gateway: %s\n", ErrnoText(error).text);
     return code == kConnectTimedOut ? kConnectTimedOut : kConnectFailed;
   }
-  TRACE_DEBUG(2012, "clapi_gwycon.clapiConnectToGatewayConnected to Gateway %s:%u\n", ipAddr != nullptr ? ipAddr : "NULL",
-              static_cast<unsigned>(port));
+  TRACE_DEBUG(2012, "clapi_gwycon.clapiConnectToGatewayConnected to Gateway %s:%u\n",
+              ipAddr != nullptr ? ipAddr : "NULL", static_cast<unsigned>(port));
   if (connTimeout != 0) setNonBlocking(socketDesc, sockOptOff, honourTimeout);
 
   // Nothing fills the Gateway's own codes on this path; they are shown as 0.
@@ -168,9 +166,8 @@ int clapiConnectToGateway(int port, const char *ipAddr, int *socketDescriptorPtr
     rc = connectAndGreet(resolved, port, ipAddr, socketDescriptorPtr, connTimeout);
     freeaddrinfo(resolved);
   }
-  TRACE_EXIT(2015,
-             "clapi_gwycon.clapiConnectToGateway(port=%d, ipAddr=%p, socketDescriptorPtr=%p) connectRc=%d\n", port,
-             addr(ipAddr), addr(socketDescriptorPtr), rc);
+  TRACE_EXIT(2015, "clapi_gwycon.clapiConnectToGateway(port=%d, ipAddr=%p, socketDescriptorPtr=%p) connectRc=%d\n",
+             port, addr(ipAddr), addr(socketDescriptorPtr), rc);
   return rc;
 }
 

@@ -59,7 +59,6 @@ void endCallsOnToken(QvaGatewayToken *gwTok) {
   tokenReleased.wait(uses, [gwTok] { return gwTok->uses == 0; });
 }
 
-
 int chainGatewayToken(QvaGatewayToken *gwTok) {
   TRACE_ENTRY(2130, "clapi_qva_gwytok.chainGatewayToken(&gwTokPtr=%p)\n", addr(gwTok));
   int rc = QVA_OK;
@@ -99,7 +98,7 @@ int openClientSocket(QvaGatewayToken *gwTok, const char *hostname, int port, int
     gwTok->connStatus = kConnFailed;
     TRACE_EXC(2142, "clapi_qva_gwytok.openClientSocket() Failed to connect to Gateway %s:%u\n", shownHost,
               static_cast<unsigned>(port));
-    rc = connectRc == kConnectTimedOut ? QVA_ERR_CONNECTTIMEOUT
+    rc = connectRc == kConnectTimedOut  ? QVA_ERR_CONNECTTIMEOUT
          : connectRc == kConnectBadHost ? QVA_ERR_BADHOST
                                         : QVA_ERR_CONNECTFAILED;
   }
@@ -163,7 +162,8 @@ int findGatewayToken(const QvaGatewayToken *target, QvaGatewayToken **parent) {
       ++entry;
       if (current == nullptr && entry != kGtlRunawayLimit) {
         rc = kGtlNotFound;
-        TRACE_DEBUG(2114, "clapi_qva_gwytok.findGatewayToken() Target token not found. GTL entries(%d) head(%p) last(%p)\n",
+        TRACE_DEBUG(2114,
+                    "clapi_qva_gwytok.findGatewayToken() Target token not found. GTL entries(%d) head(%p) last(%p)\n",
                     entry, addr(gtListHeadPtr), addr(previous));
         break;
       }

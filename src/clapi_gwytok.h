@@ -18,7 +18,7 @@ struct QvaGatewayToken {
   // Guarded by tokenUseLock; they fill what would be padding, so the record
   // keeps the size its allocation trace shows.
   uint16_t uses;  // calls that hold the token (see holdGatewayToken)
-  bool opening;  // its creator is still connecting it
+  bool opening;   // its creator is still connecting it
   char *protocolVersion;
   QvaGatewayToken *nextGwyTokPtr;
   pthread_t owningThread;  // the full id that ownership checks compare

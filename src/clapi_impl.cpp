@@ -14,9 +14,9 @@
 #include <limits>
 
 #include "clapi_diag.h"
-#include "clapi_socketbuffer.h"
 #include "clapi_eci.h"
 #include "clapi_gwytok.h"
+#include "clapi_socketbuffer.h"
 #include "clapi_versions.h"
 #include "qvaclient/qvaclient.h"
 
@@ -112,7 +112,8 @@ void clapiInitFunc(void) {
   } else {
     rc = clapiInitGTL();
     if (rc != 0) {
-      TRACE_EXC(1124, "clapi_impl.clapiInitFunc() Initialization of qvaclient API Gateway Token List has failed. rc=%d\n",
+      TRACE_EXC(1124,
+                "clapi_impl.clapiInitFunc() Initialization of qvaclient API Gateway Token List has failed. rc=%d\n",
                 rc);
     } else {
       std::memcpy(clapiVersion, kApiVersion, sizeof kApiVersion);
@@ -197,8 +198,7 @@ int QVA_setAPITraceLevel(int traceState) {
       setTraceLevel(traceState);
     }
   }
-  TRACE_EXIT(1096, "API.QVA_setAPITraceLevel(traceState=%d) new trace level=%d rc=%d\n", traceState, traceLevel(),
-             rc);
+  TRACE_EXIT(1096, "API.QVA_setAPITraceLevel(traceState=%d) new trace level=%d rc=%d\n", traceState, traceLevel(), rc);
   return rc;
 }
 
@@ -317,8 +317,7 @@ int clapiSetAPITraceLevelFromEnv(void) {
   }
   // Said at level 1 whatever the level was, then the trace is off.
   setTraceLevel(1);
-  TRACE_EXC(1136, "clapi_impl.clapiSetAPITraceLevelFromEnv() Supplied trace environment value %s was invalid\n",
-            value);
+  TRACE_EXC(1136, "clapi_impl.clapiSetAPITraceLevelFromEnv() Supplied trace environment value %s was invalid\n", value);
   setTraceLevel(0);
   return 0;
 }
@@ -428,8 +427,7 @@ int QVA_closeGatewayConnection(QvaGatewayToken **gwTokPtr) {
               static_cast<void *>(gwTokPtr));
   } else if (*gwTokPtr == nullptr) {
     rc = QVA_ERR_NULLGWTOK;
-    TRACE_EXC(1045, "API.QVA_closeGatewayConnection(gwTokPtr=%p) Null gateway token\n",
-              static_cast<void *>(*gwTokPtr));
+    TRACE_EXC(1045, "API.QVA_closeGatewayConnection(gwTokPtr=%p) Null gateway token\n", static_cast<void *>(*gwTokPtr));
   } else if (rc == QVA_OK) {
     rc = clapiVerifyGatewayToken(*gwTokPtr);
     if (rc == QVA_OK) {
@@ -471,8 +469,10 @@ int clapiSetReplyTimeoutFromEnv(void) {
   char *end = nullptr;
   const long seconds = std::strtol(value, &end, 10);
   if (value[0] < '0' || value[0] > '9' || *end != '\0' || seconds > 3600) {
-    TRACE_EXC(1058, "clapi_impl.clapiSetReplyTimeoutFromEnv %s=%s ignored: not a whole number of seconds from 0 to "
-              "3600\n", kVariable, value);
+    TRACE_EXC(1058,
+              "clapi_impl.clapiSetReplyTimeoutFromEnv %s=%s ignored: not a whole number of seconds from 0 to "
+              "3600\n",
+              kVariable, value);
     return 0;
   }
   clapiSetReplyTimeout(static_cast<int>(seconds));

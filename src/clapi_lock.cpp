@@ -20,13 +20,13 @@ void setMarker(ClapiLock *lockPtr, uint32_t value) {
   std::atomic_ref<uint32_t>(lockPtr->marker).store(value, std::memory_order_relaxed);
 }
 
-#define LOCK_TRACE(threshold, point, word, ...) \
-  do {                                          \
+#define LOCK_TRACE(threshold, point, word, ...)                              \
+  do {                                                                       \
     if (traceOn(threshold)) clapiTraceWithoutLock(point, word, __VA_ARGS__); \
   } while (0)
 #define LOCK_ENTRY(point, ...) LOCK_TRACE(kTraceLocks, point, "ENTRY", __VA_ARGS__)
-#define LOCK_EXIT(point, ...) LOCK_TRACE(kTraceLocks, point, "EXIT", __VA_ARGS__)
-#define LOCK_EXC(point, ...) LOCK_TRACE(kTraceExc, point, "*EXC*", __VA_ARGS__)
+#define LOCK_EXIT(point, ...)  LOCK_TRACE(kTraceLocks, point, "EXIT", __VA_ARGS__)
+#define LOCK_EXC(point, ...)   LOCK_TRACE(kTraceExc, point, "*EXC*", __VA_ARGS__)
 
 }  // namespace
 
@@ -69,8 +69,8 @@ int clapiRequestLock(ClapiLock *lockPtr) {
       rc = kLockRequestFailed;
     }
   }
-  LOCK_EXIT(3106, "clapi_lock.clapiRequestLock(lockPtr=%p) mutexRc=%d rc=%d\n", static_cast<void *>(lockPtr),
-            mutexRc, rc);
+  LOCK_EXIT(3106, "clapi_lock.clapiRequestLock(lockPtr=%p) mutexRc=%d rc=%d\n", static_cast<void *>(lockPtr), mutexRc,
+            rc);
   return rc;
 }
 
@@ -90,8 +90,8 @@ int clapiReleaseLock(ClapiLock *lockPtr) {
       rc = kLockReleaseFailed;
     }
   }
-  LOCK_EXIT(3110, "clapi_lock.clapiReleaseLock(lockPtr=%p) mutexRc=%d rc=%d\n", static_cast<void *>(lockPtr),
-            mutexRc, rc);
+  LOCK_EXIT(3110, "clapi_lock.clapiReleaseLock(lockPtr=%p) mutexRc=%d rc=%d\n", static_cast<void *>(lockPtr), mutexRc,
+            rc);
   return rc;
 }
 
@@ -113,7 +113,7 @@ int clapiDestroyLock(ClapiLock *lockPtr) {
       rc = kLockRequestFailed;
     }
   }
-  LOCK_EXIT(3114, "clapi_lock.clapiDestroyLock(lockPtr=%p) mutexRc=%d rc=%d\n", static_cast<void *>(lockPtr),
-            mutexRc, rc);
+  LOCK_EXIT(3114, "clapi_lock.clapiDestroyLock(lockPtr=%p) mutexRc=%d rc=%d\n", static_cast<void *>(lockPtr), mutexRc,
+            rc);
   return rc;
 }

@@ -17,7 +17,6 @@
 
 namespace {
 
-
 // A send that takes part of a block is continued, and EINTR is retried.
 // Returns the bytes sent, or -1 with errno set. `more` is MSG_MORE when
 // further bytes of the same message follow at once: the pieces of one
@@ -146,8 +145,8 @@ int initBuffer(SocketBuffer *sockBuffer, int socketDesc, uint32_t dataLen, bool 
 // Small writers flush first when the value would not fit.
 bool roomFor(SocketBuffer *sockBuffer, uint32_t width, int point, const char *name, int value) {
   if (sockBuffer->bytesInBuffer + width > sockBuffer->bufferSize) {
-    TRACE_DEBUG(point, "clapi_socketbuffer.%s Insufficient space in buffer %p to write %d\n", name,
-                addr(sockBuffer), value);
+    TRACE_DEBUG(point, "clapi_socketbuffer.%s Insufficient space in buffer %p to write %d\n", name, addr(sockBuffer),
+                value);
     flushBuffer(sockBuffer);
   }
   if (bufferFailed(sockBuffer)) return false;
@@ -200,7 +199,8 @@ int initReadBuffer(SocketBuffer *sockBuffer, int socketDesc, uint32_t dataLen) {
 void markMalformed(SocketBuffer *sockBuffer) {
   if (bufferFailed(sockBuffer)) return;
   sockBuffer->failure = QVA_ERR_SYSTEM_ERROR;
-  TRACE_EXC(1546, "clapi_socketbuffer.markMalformed Reply in buffer %p is shorter than its own lengths: %lu bytes left\n",
+  TRACE_EXC(1546,
+            "clapi_socketbuffer.markMalformed Reply in buffer %p is shorter than its own lengths: %lu bytes left\n",
             addr(sockBuffer), ul(sockBuffer->bytesInBuffer + sockBuffer->bytesRemaining));
 }
 
@@ -209,8 +209,8 @@ void markMalformed(SocketBuffer *sockBuffer) {
 void writeInt(SocketBuffer *sockBuffer, int32_t value) {
   if (!roomFor(sockBuffer, 4, 1552, "writeInt", value)) return;
   auto v = static_cast<uint32_t>(value);
-  const uint8_t bytes[4] = {static_cast<uint8_t>(v >> 24), static_cast<uint8_t>(v >> 16),
-                            static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v)};
+  const uint8_t bytes[4] = {static_cast<uint8_t>(v >> 24), static_cast<uint8_t>(v >> 16), static_cast<uint8_t>(v >> 8),
+                            static_cast<uint8_t>(v)};
   put(sockBuffer, bytes, 4);
 }
 
@@ -370,8 +370,8 @@ int fillBuffer(SocketBuffer *sockBuffer) {
   } else {
     uint32_t amount = std::min(sockBuffer->bytesRemaining, sockBuffer->bufferSize - sockBuffer->bytesInBuffer);
     if (sockBuffer->bytesInBuffer > 0) {
-      TRACE_DEBUG(1541, "clapi_socketbuffer.fillBuffer %lu bytes already in buffer %p\n",
-                  ul(sockBuffer->bytesInBuffer), addr(sockBuffer));
+      TRACE_DEBUG(1541, "clapi_socketbuffer.fillBuffer %lu bytes already in buffer %p\n", ul(sockBuffer->bytesInBuffer),
+                  addr(sockBuffer));
       std::memmove(sockBuffer->buffer, sockBuffer->cursor, sockBuffer->bytesInBuffer);
       sockBuffer->cursor = sockBuffer->buffer + sockBuffer->bytesInBuffer;
     } else {
@@ -445,8 +445,8 @@ void readBytes(SocketBuffer *sockBuffer, void *dataPtr, uint32_t dataLen) {
       // The message announced fewer bytes than this field needs.
       markMalformed(sockBuffer);
     } else if (needed <= sockBuffer->bufferSize) {
-      TRACE_DEBUG(1534, "clapi_socketbuffer.readBytes Read %lu bytes from buffer %p, %lu more bytes needed\n",
-                  ul(have), addr(sockBuffer), ul(needed));
+      TRACE_DEBUG(1534, "clapi_socketbuffer.readBytes Read %lu bytes from buffer %p, %lu more bytes needed\n", ul(have),
+                  addr(sockBuffer), ul(needed));
       fillBuffer(sockBuffer);
       if (!bufferFailed(sockBuffer)) {
         if (sockBuffer->bytesInBuffer < needed) {

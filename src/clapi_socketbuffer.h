@@ -13,13 +13,13 @@ inline constexpr uint32_t kSocketBufferMax = 1024;
 struct SocketBuffer {
   char eyeCatcher[8];
   int32_t socketDesc;
-  int32_t lastErrno;       // errno of the first failed recv, send or select
+  int32_t lastErrno;  // errno of the first failed recv, send or select
   uint8_t *buffer;
   uint32_t bufferSize;
   uint8_t *cursor;
-  uint32_t bytesInBuffer;  // read side: received, not consumed; write side: stored, not sent
-  uint32_t bytesRemaining; // bytes of the message not yet received or sent
-  uint8_t *maskedData;     // the secret written last, shown as '*' in dumps
+  uint32_t bytesInBuffer;   // read side: received, not consumed; write side: stored, not sent
+  uint32_t bytesRemaining;  // bytes of the message not yet received or sent
+  uint8_t *maskedData;      // the secret written last, shown as '*' in dumps
   uint32_t maskedLength;
   // The sticky failed state: 0 while healthy, else the result code that
   // ended it (QVA_ERR_LOSTGWCON for the socket, QVA_ERR_SYSTEM_ERROR for a

@@ -12,7 +12,6 @@ char HANDSHAKE_REQUEST_NAME[5] = "BASE";
 
 namespace {
 
-
 // A header without its name: magic, version, flowType, flowReserved,
 // flowQualifier, nameLength and dataLength (4 bytes each) and headerFlag.
 constexpr uint32_t kHeaderSizeWithoutName = 7 * 4 + 1;
@@ -43,16 +42,12 @@ void fillHeader(GatewayRequest *req, int32_t flowType, int32_t flowQualifier, ch
   req->dataLength = dataLength;
 }
 
-bool carriesCommarea(const GatewayRequest *request) {
-  return request->extendMode != 2 && request->extendMode != 4;
-}
+bool carriesCommarea(const GatewayRequest *request) { return request->extendMode != 2 && request->extendMode != 4; }
 
 bool isProgramCall(int32_t callType) { return callType == kCallTypeSync || callType == kCallTypeSyncTpn; }
 
 // Bytes of the current message not yet consumed.
-uint32_t unreadBytes(const SocketBuffer *sockBuffer) {
-  return sockBuffer->bytesInBuffer + sockBuffer->bytesRemaining;
-}
+uint32_t unreadBytes(const SocketBuffer *sockBuffer) { return sockBuffer->bytesInBuffer + sockBuffer->bytesRemaining; }
 
 // Ends a flow: reasons, then the buffer released; a failure of the release
 // matters only when nothing failed before it.
@@ -76,7 +71,8 @@ void writeEciBody(SocketBuffer *sb, GatewayRequest *request) {
     writeBytes(sb, request->programName, sizeof request->programName);
     writeBytes(sb, request->transId, sizeof request->transId);
     writeInt(sb, request->extraDataLength);
-    if (request->extraDataLength > 0) writeBytes(sb, request->extraData, static_cast<uint32_t>(request->extraDataLength));
+    if (request->extraDataLength > 0)
+      writeBytes(sb, request->extraData, static_cast<uint32_t>(request->extraDataLength));
     writeInt(sb, request->commareaLength);
     writeByte(sb, request->requestDataLength > 0 ? 0xFF : 0x00);
     if (request->requestDataLength > 0) writeInt(sb, request->requestDataLength);
@@ -96,9 +92,11 @@ void writeEciBody(SocketBuffer *sb, GatewayRequest *request) {
   writeInt(sb, request->extensionMarker);
   if (request->extensionMarker != -1) {
     writeInt(sb, request->extension1Length);
-    if (request->extension1Length > 0) writeBytes(sb, request->extension1, static_cast<uint32_t>(request->extension1Length));
+    if (request->extension1Length > 0)
+      writeBytes(sb, request->extension1, static_cast<uint32_t>(request->extension1Length));
     writeInt(sb, request->extension2Length);
-    if (request->extension2Length > 0) writeBytes(sb, request->extension2, static_cast<uint32_t>(request->extension2Length));
+    if (request->extension2Length > 0)
+      writeBytes(sb, request->extension2, static_cast<uint32_t>(request->extension2Length));
   }
   writeInt(sb, request->trailerWord);
 }
@@ -261,8 +259,7 @@ int clapiFlowHandshakeRequest(int socketDesc, int32_t *reasons) {
 }
 
 int clapiFlowCloseRequest(int socketDesc, int32_t *reasons) {
-  TRACE_ENTRY(3220, "clapi_socketcomms.clapiFlowCloseRequest(socketDesc=%d, *reasons=%p)\n", socketDesc,
-              addr(reasons));
+  TRACE_ENTRY(3220, "clapi_socketcomms.clapiFlowCloseRequest(socketDesc=%d, *reasons=%p)\n", socketDesc, addr(reasons));
   char name[sizeof HANDSHAKE_REQUEST_NAME];
   std::memcpy(name, HANDSHAKE_REQUEST_NAME, sizeof name);
   GatewayRequest req{};
@@ -316,7 +313,8 @@ int clapiFlowECIRequest(int socketDesc, GatewayRequest *request, int32_t *reason
   const int32_t entryCapacity = request->commarea != nullptr ? std::max(request->systemCount, 0) : 0;
 
   SocketBuffer sb{};
-  int rc = initWriteBuffer(&sb, socketDesc, request->nameLength + kHeaderSizeWithoutName + static_cast<uint32_t>(request->dataLength));
+  int rc = initWriteBuffer(&sb, socketDesc,
+                           request->nameLength + kHeaderSizeWithoutName + static_cast<uint32_t>(request->dataLength));
   if (rc == QVA_OK) {
     writeHeader(&sb, request);
     writeEciBody(&sb, request);
@@ -351,7 +349,7 @@ int clapiFlowECIRequest(int socketDesc, GatewayRequest *request, int32_t *reason
     }
   }
   rc = finishFlow(&sb, rc, reasons);
-  TRACE_EXIT(3214, "clapi_socketcomms.clapiFlowECIRequest(socketDesc=%d, *request=%p, *reasons=%p) rc=%d\n",
-             socketDesc, addr(request), addr(reasons), rc);
+  TRACE_EXIT(3214, "clapi_socketcomms.clapiFlowECIRequest(socketDesc=%d, *request=%p, *reasons=%p) rc=%d\n", socketDesc,
+             addr(request), addr(reasons), rc);
   return rc;
 }

@@ -16,7 +16,6 @@
 
 namespace {
 
-
 constexpr uint32_t kChannelHeaderSize = 24;
 constexpr uint32_t kEntryHeaderSize = 28;
 
@@ -28,17 +27,14 @@ const char *typeName(int32_t type) {
   return "UNKNOWN";
 }
 
-uint32_t unreadBytes(const SocketBuffer *sockBuffer) {
-  return sockBuffer->bytesInBuffer + sockBuffer->bytesRemaining;
-}
+uint32_t unreadBytes(const SocketBuffer *sockBuffer) { return sockBuffer->bytesInBuffer + sockBuffer->bytesRemaining; }
 
 // An entry's data must lie inside the reply that announced it. A longer
 // claim ends the merge; the rest of the reply is read and dropped, since
 // its header still tells where the next message starts.
 bool dataFitsReply(SocketBuffer *sockBuffer, const Container *tempCont) {
   if (tempCont->dataLength <= unreadBytes(sockBuffer)) return true;
-  TRACE_EXC(3246,
-            "clapi_socketcomms.readChannel Container \"%.16s\" announces %lu data bytes, the reply holds %lu\n",
+  TRACE_EXC(3246, "clapi_socketcomms.readChannel Container \"%.16s\" announces %lu data bytes, the reply holds %lu\n",
             tempCont->name, ul(tempCont->dataLength), ul(unreadBytes(sockBuffer)));
   discardBytes(sockBuffer, unreadBytes(sockBuffer));
   markMalformed(sockBuffer);

@@ -57,19 +57,18 @@ QVA_API int QVA_ECI_dumpChannels(void);
  * be NULL when dataLength is 0). For ECI_CHAR, ccsid 0 means the channel's
  * CCSID, taken from LANG when the channel has none yet; a channel keeps the
  * first CCSID it is given. For ECI_BIT the ccsid is ignored. */
-QVA_API int ECI_createContainer(QvaChannel *chanTok, const char *name, int32_t type, int32_t ccsid,
-                                        const void *data, uint32_t dataLength);
+QVA_API int ECI_createContainer(QvaChannel *chanTok, const char *name, int32_t type, int32_t ccsid, const void *data,
+                                uint32_t dataLength);
 
 /* Replaces a container's data with a copy of dataLength bytes at data; 0
  * empties it. Type and CCSID stay. */
-QVA_API int ECI_setContainerData(QvaChannel *chanTok, const char *name, const void *data,
-                                         uint32_t dataLength);
+QVA_API int ECI_setContainerData(QvaChannel *chanTok, const char *name, const void *data, uint32_t dataLength);
 
 /* Copies at most length bytes of the container's data, from byte offset on,
  * into buffer; *bytesReadPtr (if not NULL) receives the count. An offset at
  * or past the end copies nothing and still succeeds. */
-QVA_API int ECI_getContainerData(QvaChannel *chanTok, const char *name, void *buffer, uint32_t length,
-                                         uint32_t offset, uint32_t *bytesReadPtr);
+QVA_API int ECI_getContainerData(QvaChannel *chanTok, const char *name, void *buffer, uint32_t length, uint32_t offset,
+                                 uint32_t *bytesReadPtr);
 
 QVA_API int ECI_getContainerInfo(QvaChannel *chanTok, const char *name, ContainerInfo *infoPtr);
 

@@ -9,6 +9,8 @@
 #ifndef QVACLIENT_QVA_CODES_H
 #define QVACLIENT_QVA_CODES_H
 
+/* The values line up on their last digit, which clang-format would undo. */
+/* clang-format off */
 #define QVA_OK                          0
 #define QVA_ERR_INVALID_DATA_LENGTH    (-1)
 #define QVA_ERR_SYSTEM_ERROR           (-9)
@@ -75,6 +77,7 @@
 #define ECI_ERR_NULLPTR              (-109)
 #define ECI_ERR_MEMORY_SHORTAGE      (-111)
 #define ECI_ERR_LOCKFAIL             (-121)
+/* clang-format on */
 
 /* A buffer of this size holds the name of any result code. */
 #define QVA_RC_STRING_SIZE 40

@@ -23,7 +23,8 @@ typedef struct QvaChannel QvaChannel;
 
 /* Packed: every field directly follows the one before it. Character fields
  * are blank padded and carry no terminator. Integers are in the host's byte
- * order. */
+ * order. The names stand in one column, which clang-format would undo. */
+/* clang-format off */
 #pragma pack(push, 1)
 typedef struct ECI_PARMS {
   short eci_call_type;          /* in: ECI_SYNC */
@@ -45,13 +46,14 @@ typedef struct ECI_PARMS {
   QvaChannel *eci_channel;      /* in: for QVA_ECI_Execute_Channel; ignored by QVA_ECI_Execute */
 } ECI_PARMS;
 #pragma pack(pop)
+/* clang-format on */
 
 /* One entry of the server list filled by QVA_listSystems: 70 bytes. */
 #define QVA_SYSTEM_NAME_SIZE        9
 #define QVA_SYSTEM_DESCRIPTION_SIZE 61
 typedef struct QVA_SYSTEM_ENTRY {
-  char SystemName[QVA_SYSTEM_NAME_SIZE];               /* trailing blanks replaced by NULs */
-  char Description[QVA_SYSTEM_DESCRIPTION_SIZE];       /* as the Gateway sent it */
+  char SystemName[QVA_SYSTEM_NAME_SIZE];         /* trailing blanks replaced by NULs */
+  char Description[QVA_SYSTEM_DESCRIPTION_SIZE]; /* as the Gateway sent it */
 } QVA_SYSTEM_ENTRY;
 
 #ifdef __cplusplus

@@ -2,9 +2,9 @@
 #ifndef QVACLIENT_QVACLIENT_H
 #define QVACLIENT_QVACLIENT_H
 
-#include "qva_codes.h"
-#include "qva_eci.h"
 #include "qva_api.h"
 #include "qva_channel.h"
+#include "qva_codes.h"
+#include "qva_eci.h"
 
 #endif /* QVACLIENT_QVACLIENT_H */

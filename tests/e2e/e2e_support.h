@@ -48,10 +48,13 @@ class GuardedArea {
   }
   void* data() { return bytes_.data(); }
   short length() const { return static_cast<short>(length_); }
-  std::string text(size_t n) const { return std::string(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(n)); }
+  std::string text(size_t n) const {
+    return std::string(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(n));
+  }
   std::string text() const { return text(length_); }
   bool guardIntact() const {
-    return std::all_of(bytes_.begin() + static_cast<std::ptrdiff_t>(length_), bytes_.end(), [](uint8_t b) { return b == 0xA5; });
+    return std::all_of(bytes_.begin() + static_cast<std::ptrdiff_t>(length_), bytes_.end(),
+                       [](uint8_t b) { return b == 0xA5; });
   }
 
  private:
@@ -59,7 +62,8 @@ class GuardedArea {
   Bytes bytes_;
 };
 
-inline bool hasLine(const std::vector<TraceLine>& lines, int point, const std::string& word, const std::string& message) {
+inline bool hasLine(const std::vector<TraceLine>& lines, int point, const std::string& word,
+                    const std::string& message) {
   return std::any_of(lines.begin(), lines.end(),
                      [&](const TraceLine& l) { return l.point == point && l.word == word && l.message == message; });
 }

@@ -5,21 +5,21 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
 #include <map>
 #include <regex>
-#include <cstring>
 #include <set>
 #include <string_view>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "e2e_support.h"
 #include "qvaclient/qvaclient.h"
 #include "qvaemu/gateway.h"
 #include "qvatest/bytes.h"
 #include "qvatest/net.h"
 #include "qvatest/trace.h"
-#include "e2e_support.h"
 
 using namespace qvatest;
 
@@ -53,7 +53,9 @@ class Connected : public E2eTest {
     ASSERT_EQ(open(&tok_), QVA_OK);
   }
   void TearDown() override {
-    if (tok_ != nullptr) { EXPECT_EQ(QVA_closeGatewayConnection(&tok_), QVA_OK); }
+    if (tok_ != nullptr) {
+      EXPECT_EQ(QVA_closeGatewayConnection(&tok_), QVA_OK);
+    }
     E2eTest::TearDown();
   }
   int execute(ECI_PARMS& parms) { return QVA_ECI_Execute(tok_, &parms); }
@@ -81,7 +83,8 @@ class Connected : public E2eTest {
       std::string data(info.dataLength, '\0');
       uint32_t got = 0;
       EXPECT_EQ(ECI_getContainerData(ch, info.name, data.data(), info.dataLength, 0, &got), ECI_NO_ERROR);
-      out += std::string(info.name) + ":" + std::to_string(uint32_t{info.type}) + ":" + std::to_string(uint32_t{info.ccsid}) + ":";
+      out += std::string(info.name) + ":" + std::to_string(uint32_t{info.type}) + ":" +
+             std::to_string(uint32_t{info.ccsid}) + ":";
       for (char c : data) out += static_cast<unsigned char>(c) < 0x20 ? std::to_string(c) : std::string(1, c);
       out += " ";
     }
@@ -105,14 +108,20 @@ TEST_F(E2eTest, OpenChecksItsArgumentsInOrderAndTracesOnlyTheExit) {
     int rc;
   };
   for (const Case& c : {
-           Case{kLoopback, 0, true, 5, QVA_ERR_BADPORT}, Case{kLoopback, 65536, true, 5, QVA_ERR_BADPORT},
-           Case{kLoopback, -1, true, 5, QVA_ERR_BADPORT}, Case{kLoopback, 0, false, 5, QVA_ERR_BADPORT},
-           Case{nullptr, 65536, true, 5, QVA_ERR_BADPORT}, Case{nullptr, 0, true, 5, QVA_ERR_BADPORT},
-           Case{kLoopback, 1, false, 5, QVA_ERR_NULLGWTOKPTR}, Case{kLoopback, 65535, false, 5, QVA_ERR_NULLGWTOKPTR},
+           Case{kLoopback, 0, true, 5, QVA_ERR_BADPORT},
+           Case{kLoopback, 65536, true, 5, QVA_ERR_BADPORT},
+           Case{kLoopback, -1, true, 5, QVA_ERR_BADPORT},
+           Case{kLoopback, 0, false, 5, QVA_ERR_BADPORT},
+           Case{nullptr, 65536, true, 5, QVA_ERR_BADPORT},
+           Case{nullptr, 0, true, 5, QVA_ERR_BADPORT},
+           Case{kLoopback, 1, false, 5, QVA_ERR_NULLGWTOKPTR},
+           Case{kLoopback, 65535, false, 5, QVA_ERR_NULLGWTOKPTR},
            Case{kLoopback, 1, true, 3601, QVA_ERR_INVALIDTIMEOUTPARM},
            Case{kLoopback, 65535, true, 3601, QVA_ERR_INVALIDTIMEOUTPARM},
-           Case{kLoopback, 7, true, -1, QVA_ERR_INVALIDTIMEOUTPARM}, Case{nullptr, 7, true, 3601, QVA_ERR_INVALIDTIMEOUTPARM},
-           Case{nullptr, 7, true, 3600, QVA_ERR_NULLADDRESS}, Case{nullptr, 7, true, 5, QVA_ERR_NULLADDRESS},
+           Case{kLoopback, 7, true, -1, QVA_ERR_INVALIDTIMEOUTPARM},
+           Case{nullptr, 7, true, 3601, QVA_ERR_INVALIDTIMEOUTPARM},
+           Case{nullptr, 7, true, 3600, QVA_ERR_NULLADDRESS},
+           Case{nullptr, 7, true, 5, QVA_ERR_NULLADDRESS},
        }) {
     QvaGatewayToken* tok = nullptr;
     EXPECT_EQ(QVA_openRemoteGatewayConnection(c.host, c.port, c.tokenPointer ? &tok : nullptr, c.timeout), c.rc)
@@ -135,13 +144,16 @@ TEST_F(E2eTest, OpenChecksItsArgumentsInOrderAndTracesOnlyTheExit) {
   }
   ASSERT_EQ(entries.size(), 3u);
   const std::string entry = R"(API\.QVA_openRemoteGatewayConnection\(hostname=)";
-  EXPECT_TRUE(std::regex_match(entries[0], std::regex(entry + R"(127\.0\.0\.1, port=0, &gwTokPtr=0x0x[0-9a-f]+, connTimeout=5 )")))
+  EXPECT_TRUE(std::regex_match(entries[0],
+                               std::regex(entry + R"(127\.0\.0\.1, port=0, &gwTokPtr=0x0x[0-9a-f]+, connTimeout=5 )")))
       << entries[0];
-  EXPECT_TRUE(std::regex_match(entries[2], std::regex(entry + R"(NULL, port=7, &gwTokPtr=0x0x[0-9a-f]+, connTimeout=5 )")))
+  EXPECT_TRUE(
+      std::regex_match(entries[2], std::regex(entry + R"(NULL, port=7, &gwTokPtr=0x0x[0-9a-f]+, connTimeout=5 )")))
       << entries[2];
-  EXPECT_EQ(exits, (std::vector<std::string>{"API.QVA_openRemoteGatewayConnection(port=0) rc=-107 QVA_ERR_BADPORT ",
-                                             "API.QVA_openRemoteGatewayConnection(port=7) rc=-138 QVA_ERR_INVALIDTIMEOUTPARM ",
-                                             "API.QVA_openRemoteGatewayConnection(port=7) rc=-133 QVA_ERR_NULLADDRESS "}));
+  EXPECT_EQ(exits,
+            (std::vector<std::string>{"API.QVA_openRemoteGatewayConnection(port=0) rc=-107 QVA_ERR_BADPORT ",
+                                      "API.QVA_openRemoteGatewayConnection(port=7) rc=-138 QVA_ERR_INVALIDTIMEOUTPARM ",
+                                      "API.QVA_openRemoteGatewayConnection(port=7) rc=-133 QVA_ERR_NULLADDRESS "}));
 }
 
 TEST_F(E2eTest, UnresolvableHostIsBadHostAndRefusedConnectIsConnectFailed) {
@@ -166,7 +178,8 @@ TEST_F(E2eTest, UnresolvableHostIsBadHostAndRefusedConnectIsConnectFailed) {
   for (const auto& l : traceLines(refused.text())) seen.push_back(std::to_string(l.point) + " " + l.message);
   EXPECT_EQ(seen, (std::vector<std::string>{
                       "2011 clapi_gwycon.clapiConnectToGatewayUnable to connect to Gateway: Connection refused",
-                      "2142 clapi_qva_gwytok.openClientSocket() Failed to connect to Gateway 127.0.0.1:" + std::to_string(port),
+                      "2142 clapi_qva_gwytok.openClientSocket() Failed to connect to Gateway 127.0.0.1:" +
+                          std::to_string(port),
                       "1528 clapi_socketbuffer.flushBuffer Unable to send data to Gateway: errno=32"}));
 }
 
@@ -178,7 +191,8 @@ TEST_F(E2eTest, CloseClearsThePointerTracesItAndRefusesNullAndStaleTokens) {
     EXPECT_EQ(QVA_closeGatewayConnection(&none), QVA_ERR_NULLGWTOK);
     const auto lines = traceLines(trace.text());
     ASSERT_EQ(lines.size(), 2u);
-    EXPECT_TRUE(hasLine(lines, 1005, "*EXC*", "API.QVA_closeGatewayConnection(&gwTokPtr=(nil)) Null gateway token Pointer"));
+    EXPECT_TRUE(
+        hasLine(lines, 1005, "*EXC*", "API.QVA_closeGatewayConnection(&gwTokPtr=(nil)) Null gateway token Pointer"));
     EXPECT_TRUE(hasLine(lines, 1045, "*EXC*", "API.QVA_closeGatewayConnection(gwTokPtr=(nil)) Null gateway token"));
   }
   QvaGatewayToken* tok = nullptr;
@@ -192,8 +206,10 @@ TEST_F(E2eTest, CloseClearsThePointerTracesItAndRefusesNullAndStaleTokens) {
   const auto lines = traceLines(trace.text());
   const std::string address = ptrText(&tok);
   EXPECT_TRUE(hasLine(lines, 1004, "ENTRY", "API.QVA_closeGatewayConnection(&gwTokPtr=" + address + ")"));
-  EXPECT_TRUE(hasLine(lines, 1133, "EVENT", "API.QVA_closeGatewayConnection Closed Gateway connection for token " + address));
-  EXPECT_TRUE(hasLine(lines, 1006, "EXIT", "API.QVA_closeGatewayConnection(&gwTokPtrPtr=" + address + ") rc=0 QVA_OK "));
+  EXPECT_TRUE(
+      hasLine(lines, 1133, "EVENT", "API.QVA_closeGatewayConnection Closed Gateway connection for token " + address));
+  EXPECT_TRUE(
+      hasLine(lines, 1006, "EXIT", "API.QVA_closeGatewayConnection(&gwTokPtrPtr=" + address + ") rc=0 QVA_OK "));
   EXPECT_EQ(tok, nullptr);
   char data[4] = "abc";
   ECI_PARMS parms = eciParms("ECHO", data, sizeof data);
@@ -215,7 +231,9 @@ TEST_F(E2eTest, ATokenTheLibraryDidNotIssueIsRefusedUntouched) {
   // Once with an empty list and once with a real token on it.
   for (int round = 0; round < 2; ++round) {
     QvaGatewayToken* real = nullptr;
-    if (round == 1) { ASSERT_EQ(open(&real), QVA_OK); }
+    if (round == 1) {
+      ASSERT_EQ(open(&real), QVA_OK);
+    }
     QvaGatewayToken* tok = forged;
     char data[8] = "abc";
     ECI_PARMS parms = eciParms("ECHO", data, sizeof data);
@@ -226,7 +244,9 @@ TEST_F(E2eTest, ATokenTheLibraryDidNotIssueIsRefusedUntouched) {
     EXPECT_EQ(QVA_closeGatewayConnection(&tok), QVA_ERR_BADGWTOK);
     EXPECT_EQ(tok, forged);
     EXPECT_EQ(std::memcmp(fake.eyecatcher, "QVAGWTOK", 8), 0);
-    if (real != nullptr) { EXPECT_EQ(QVA_closeGatewayConnection(&real), QVA_OK); }
+    if (real != nullptr) {
+      EXPECT_EQ(QVA_closeGatewayConnection(&real), QVA_OK);
+    }
   }
 }
 
@@ -303,7 +323,8 @@ TEST_F(E2eTest, CloseAllClosesTokensOfEveryThreadAndOnAnEmptyListSaysSoInTheTrac
   }
   TraceCapture trace(3);
   EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_OK);
-  EXPECT_TRUE(hasLine(traceLines(trace.text()), 1008, "EXIT", "API.QVA_closeAllGatewayConnections() gwyTokRc=1006, rc=0 QVA_OK"));
+  EXPECT_TRUE(hasLine(traceLines(trace.text()), 1008, "EXIT",
+                      "API.QVA_closeAllGatewayConnections() gwyTokRc=1006, rc=0 QVA_OK"));
 }
 
 // 256 tokens already hit the runaway limit; with 257 the newest stays open.
@@ -319,9 +340,12 @@ TEST_F(E2eTest, CloseAllDeletesAtMost256TokensAndReportsTheRunawayLimit) {
     TraceCapture trace(3);
     EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_ERR_BADGWTOKLIST);
     const auto lines = traceLines(trace.text());
-    EXPECT_TRUE(hasLine(lines, 2173, "*EXC*", "clapi_qva_gwytok.clapiDeleteGatewayTokensGTL iteration has hit RUNAWAY limit 256....."));
-    EXPECT_TRUE(hasLine(lines, 2174, "EXIT", "clapi_qva_gwytok.clapiDeleteGatewayTokens() Entries deleted=256 rc=1005"));
-    EXPECT_TRUE(hasLine(lines, 1008, "EXIT", "API.QVA_closeAllGatewayConnections() gwyTokRc=1005, rc=-115 QVA_ERR_BADGWTOKLIST"));
+    EXPECT_TRUE(hasLine(lines, 2173, "*EXC*",
+                        "clapi_qva_gwytok.clapiDeleteGatewayTokensGTL iteration has hit RUNAWAY limit 256....."));
+    EXPECT_TRUE(
+        hasLine(lines, 2174, "EXIT", "clapi_qva_gwytok.clapiDeleteGatewayTokens() Entries deleted=256 rc=1005"));
+    EXPECT_TRUE(hasLine(lines, 1008, "EXIT",
+                        "API.QVA_closeAllGatewayConnections() gwyTokRc=1005, rc=-115 QVA_ERR_BADGWTOKLIST"));
     // The oldest 256 went, each with its close request.
     for (size_t i = 0; i < 256; ++i) {
       ASSERT_TRUE(gw.waitForClosed(i, kPatience)) << i;
@@ -352,8 +376,10 @@ TEST_F(E2eTest, DumpStateListsEveryTokenThenEveryChannel) {
   // between entries shows as the same name; sockets and thread ids vary.
   std::map<std::string, std::string> names{
       {ptrText(first), "T1"}, {ptrText(second), "T2"}, {ptrText(newer), "C1"}, {ptrText(older), "C2"}};
-  std::string text = std::regex_replace(trace.text(), std::regex(R"(socket\(\d+\) owningPid\()" + hex8(getpid()).substr(2) +
-                                                                 R"(\) owningTid\([0-9A-F]{8}\))"), "S P T");
+  std::string text = std::regex_replace(
+      trace.text(),
+      std::regex(R"(socket\(\d+\) owningPid\()" + hex8(getpid()).substr(2) + R"(\) owningTid\([0-9A-F]{8}\))"),
+      "S P T");
   std::string named;
   std::smatch m;
   for (; std::regex_search(text, m, std::regex("0x[0-9a-f]+")); text = m.suffix()) {
@@ -361,22 +387,27 @@ TEST_F(E2eTest, DumpStateListsEveryTokenThenEveryChannel) {
     named += m.prefix().str() + at->second;
   }
   named += text;
-  const std::string dashes(80, '-'), port = std::to_string(gw_.port()),
-                    token = "Gateway Token List entry -000";
-  EXPECT_EQ(named, "qvaclient state dump: DLL Version=8.0.0.1 Trace Level=0 clientAPITraceFile=" + trace.path() +
-                       "\nGateway Token List dump\n" + dashes + "\n" +
-                       token + "1- : GatwayToken(T1) eyecatcher(QVAGWTOK) port(" + port + ") connStatus(1) S P T nextGwyTokPtr(T2)\n" +
-                       token + "2- : GatwayToken(T2) eyecatcher(QVAGWTOK) port(" + port + ") connStatus(1) S P T nextGwyTokPtr((nil))\n"
-                       "Total number of Gateway Token List entries=2\n" + dashes + "\nChannel and container dump\n" + dashes + "\n"
-                       "Channel list entry -0001- : Channel(C1): eyecatcher(QVACHANN) name(NEWER_CHANNEL_16) lock(A1) ccsid(1208) "
-                       "numContainers(2) nextChannel(C2) firstCont(A2) currentCont((nil))\n"
-                       "   Container list entry -0001/0001- : Container(A2): eyecatcher(QVACONTA) name(            TEXT) type(2) "
-                       "ccsid(1208) dataLength(5) dataPtr(A3) nextCont(A4)\n"
-                       "   Container list entry -0001/0002- : Container(A4): eyecatcher(QVACONTA) name(            BITS) type(1) "
-                       "ccsid(0) dataLength(3) dataPtr(A5) nextCont((nil))\n"
-                       "Channel list entry -0002- : Channel(C2): eyecatcher(QVACHANN) name(           OLDER) lock(A6) ccsid(-1) "
-                       "numContainers(0) nextChannel((nil)) firstCont((nil)) currentCont((nil))\n"
-                       "Total number of channels=2\n" + dashes + "\n");
+  const std::string dashes(80, '-'), port = std::to_string(gw_.port()), token = "Gateway Token List entry -000";
+  EXPECT_EQ(
+      named,
+      "qvaclient state dump: DLL Version=8.0.0.1 Trace Level=0 clientAPITraceFile=" + trace.path() +
+          "\nGateway Token List dump\n" + dashes + "\n" + token + "1- : GatwayToken(T1) eyecatcher(QVAGWTOK) port(" +
+          port + ") connStatus(1) S P T nextGwyTokPtr(T2)\n" + token +
+          "2- : GatwayToken(T2) eyecatcher(QVAGWTOK) port(" + port +
+          ") connStatus(1) S P T nextGwyTokPtr((nil))\n"
+          "Total number of Gateway Token List entries=2\n" +
+          dashes + "\nChannel and container dump\n" + dashes +
+          "\n"
+          "Channel list entry -0001- : Channel(C1): eyecatcher(QVACHANN) name(NEWER_CHANNEL_16) lock(A1) ccsid(1208) "
+          "numContainers(2) nextChannel(C2) firstCont(A2) currentCont((nil))\n"
+          "   Container list entry -0001/0001- : Container(A2): eyecatcher(QVACONTA) name(            TEXT) type(2) "
+          "ccsid(1208) dataLength(5) dataPtr(A3) nextCont(A4)\n"
+          "   Container list entry -0001/0002- : Container(A4): eyecatcher(QVACONTA) name(            BITS) type(1) "
+          "ccsid(0) dataLength(3) dataPtr(A5) nextCont((nil))\n"
+          "Channel list entry -0002- : Channel(C2): eyecatcher(QVACHANN) name(           OLDER) lock(A6) ccsid(-1) "
+          "numContainers(0) nextChannel((nil)) firstCont((nil)) currentCont((nil))\n"
+          "Total number of channels=2\n" +
+          dashes + "\n");
   EXPECT_EQ(ECI_deleteAllChannels(), ECI_NO_ERROR);
   EXPECT_EQ(QVA_closeGatewayConnection(&first), QVA_OK);
   EXPECT_EQ(QVA_closeGatewayConnection(&second), QVA_OK);

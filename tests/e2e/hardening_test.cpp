@@ -139,7 +139,8 @@ TEST_F(HardeningTest, EveryAllocationFailingInTurnIsReportedAndLeavesTheLibraryW
       EXPECT_EQ(rc, 0);
     } else {
       EXPECT_EQ(step, failedInStep);
-      EXPECT_TRUE(rc == QVA_ERR_MALLOCFAIL || (step == "open" && rc == QVA_ERR_CONNECTFAILED)) << step << " gave " << rc;
+      EXPECT_TRUE(rc == QVA_ERR_MALLOCFAIL || (step == "open" && rc == QVA_ERR_CONNECTFAILED))
+          << step << " gave " << rc;
     }
     EXPECT_EQ(ECI_deleteAllChannels(), ECI_NO_ERROR);
     EXPECT_EQ(QVA_closeAllGatewayConnections(), QVA_OK);
@@ -343,8 +344,10 @@ TEST_F(HardeningTest, CloseAllEndsCallsInFlightAndDisturbsNoConnectionOpenedAfte
         if (rc == ECI_NO_ERROR && after != sent) ++wrong;
       }
       // A token's address may be reused at once by a connection of the main thread.
-      if (rc == QVA_ERR_LOSTGWCON) ++lost;
-      else if (rc != QVA_ERR_BADGWTOK && rc != QVA_ERR_TIDMISMATCH) ++wrong;
+      if (rc == QVA_ERR_LOSTGWCON)
+        ++lost;
+      else if (rc != QVA_ERR_BADGWTOK && rc != QVA_ERR_TIDMISMATCH)
+        ++wrong;
     });
   }
   for (size_t i = 0; i < kSleepers + kEchoers; ++i)

@@ -24,13 +24,13 @@ TEST_F(ProgramsTest, EachProgramAnswersAsDocumented) {
   const Case cases[] = {
       {{.commarea = some}, 0, std::string(4, '\0'), some},
       {prog("UPPER", "abc xyz-09 \xE9z"), 0, std::string(4, '\0'), ascii("ABC XYZ-09 \xE9Z")},  // ASCII letters only
-      {prog("SHORT", "0123456789"), 0, std::string(4, '\0'), ascii("01234")},  // half of what it got
+      {prog("SHORT", "0123456789"), 0, std::string(4, '\0'), ascii("01234")},                   // half of what it got
       {prog("NOSUCH", "x"), -7, "AEI0"},
       {prog("ABEND", "XY12 and the rest"), -7, "XY12"},
       {prog("ABEND", "WXYZ"), -7, "WXYZ"},  // exactly four
       {prog("ABEND", "XY 2"), -7, "ABND"},  // a blank among the first four
-      {prog("ABEND", "XYZ"), -7, "ABND"},  // fewer than four bytes
-      {prog("CHMIX", "left alone")},  // a channel program without a channel echoes
+      {prog("ABEND", "XYZ"), -7, "ABND"},   // fewer than four bytes
+      {prog("CHMIX", "left alone")},        // a channel program without a channel echoes
       {{.callType = 12, .transId = "TPN1", .commarea = ascii("tpn call")}, 0, std::string(4, '\0'), ascii("tpn call")},
       // The server name is checked, and an empty one means the first.
       {{.system = "NOWHERE", .commarea = ascii("hi")}, -22, std::string(4, '\0')},
@@ -46,8 +46,8 @@ TEST_F(ProgramsTest, EachProgramAnswersAsDocumented) {
     EXPECT_EQ(r.callType, k.call.callType);
     EXPECT_EQ(r.replyRc, k.rc);
     EXPECT_EQ(r.abendCode, k.abend);
-    EXPECT_EQ(r.commareaLength, k.call.commareaLength < 0 ? static_cast<int32_t>(k.call.commarea.size())
-                                                          : k.call.commareaLength);
+    EXPECT_EQ(r.commareaLength,
+              k.call.commareaLength < 0 ? static_cast<int32_t>(k.call.commarea.size()) : k.call.commareaLength);
     const bool echoes = k.rc == 0 && k.data.empty();
     EXPECT_EQ(r.data, echoes ? k.call.commarea : k.data);
     EXPECT_EQ(r.replyDataLength, static_cast<int32_t>(r.data.size()));
@@ -102,13 +102,15 @@ Bytes bytePattern(size_t n) {
 // Each program's return flow: the reply's bytes after the channel-present
 // byte against a flow built here from the entry layout.
 TEST_F(ChannelsTest, EachProgramReturnsItsFlow) {
-  const std::vector<Bytes> four = {
-      entry("GREETING", kAdded, kChar, 819, ascii("hello")), entry("MIXEDCASE", kAdded, kChar, 37, ascii("MiXed Case 9")),
-      entry("BLOB", kAdded, kBit, 0, hex("0001FF61")),  // a BIT 'a' is not upper-cased
-      entry("EMPTY", kAdded, kChar, kCcsid, Bytes{})};
+  const std::vector<Bytes> four = {entry("GREETING", kAdded, kChar, 819, ascii("hello")),
+                                   entry("MIXEDCASE", kAdded, kChar, 37, ascii("MiXed Case 9")),
+                                   entry("BLOB", kAdded, kBit, 0, hex("0001FF61")),  // a BIT 'a' is not upper-cased
+                                   entry("EMPTY", kAdded, kChar, kCcsid, Bytes{})};
   // The same containers as UNCHANGED entries: no data, the length they came with.
-  const Bytes greetingSame = entry("GREETING", kUnchanged, kChar, 819, 5), mixedSame = entry("MIXEDCASE", kUnchanged, kChar, 37, 12),
-              blobSame = entry("BLOB", kUnchanged, kBit, 0, 4), emptySame = entry("EMPTY", kUnchanged, kChar, kCcsid, 0);
+  const Bytes greetingSame = entry("GREETING", kUnchanged, kChar, 819, 5),
+              mixedSame = entry("MIXEDCASE", kUnchanged, kChar, 37, 12),
+              blobSame = entry("BLOB", kUnchanged, kBit, 0, 4),
+              emptySame = entry("EMPTY", kUnchanged, kChar, kCcsid, 0);
   const std::vector<Bytes> same = {greetingSame, mixedSame, blobSame, emptySame};
   const Bytes greetingDeleted = entry("GREETING", kDeleted, kChar, 819, 5);
   struct Case {
@@ -119,34 +121,43 @@ TEST_F(ChannelsTest, EachProgramReturnsItsFlow) {
   const Case cases[] = {
       {"CHNOOP", four, same},
       {"CHNOOP", {}, {}},
-      {"CHECHO", four,
+      {"CHECHO",
+       four,
        {entry("GREETING", kModified, kChar, 819, ascii("hello")),
         entry("MIXEDCASE", kModified, kChar, 37, ascii("MiXed Case 9")),
         entry("BLOB", kModified, kBit, 0, hex("0001FF61")), entry("EMPTY", kModified, kChar, kCcsid, Bytes{})}},
-      {"CHADD", four,
+      {"CHADD",
+       four,
        {greetingSame, mixedSame, blobSame, emptySame,
         entry("RESULT", kAdded, kChar, kCcsid, ascii("Processed 4 containers"))}},
       {"CHADD", {}, {entry("RESULT", kAdded, kChar, kCcsid, ascii("Processed 0 containers"))}},
-      {"CHUPPER", four,
+      {"CHUPPER",
+       four,
        {entry("GREETING", kModified, kChar, 819, ascii("HELLO")),
         entry("MIXEDCASE", kModified, kChar, 37, ascii("MIXED CASE 9")), blobSame,
         entry("EMPTY", kModified, kChar, kCcsid, Bytes{})}},
-      {"CHGROW", four,
+      {"CHGROW",
+       four,
        {entry("GREETING", kModified, kChar, 819, ascii("hellohello")),
         entry("MIXEDCASE", kModified, kChar, 37, ascii("MiXed Case 9MiXed Case 9")),
         entry("BLOB", kModified, kBit, 0, hex("0001FF61 0001FF61")),
         entry("EMPTY", kModified, kChar, kCcsid, ascii("!"))}},
       {"CHDELETE", four, {greetingDeleted, mixedSame, blobSame, emptySame}},
       {"CHDELETE", {}, {}},
-      {"CHMIX", four,
+      {"CHMIX",
+       four,
        {greetingDeleted, entry("MIXEDCASE", kModified, kChar, 37, ascii("MIXED CASE 9")),
         entry("BLOB", kModified, kBit, 0, hex("0001FF61 0001FF61")), emptySame,
         entry("MIXED", kAdded, kBit, 0, hex("DEADBEEF"))}},
-      {"CHBIG", {sizeEntry("300")},
+      {"CHBIG",
+       {sizeEntry("300")},
        {entry("SIZE", kUnchanged, kChar, 819, 3), entry("PAYLOAD", kAdded, kBit, 0, bytePattern(300))}},
-      {"CHBIG", {four[0], entry("PAYLOAD", kAdded, kBit, 0, ascii("old")), sizeEntry(std::string("7 \0", 3))},
+      {"CHBIG",
+       {four[0], entry("PAYLOAD", kAdded, kBit, 0, ascii("old")), sizeEntry(std::string("7 \0", 3))},
        {greetingSame, entry("PAYLOAD", kModified, kBit, 0, bytePattern(7)), entry("SIZE", kUnchanged, kChar, 819, 3)}},
-      {"CHBIG", {sizeEntry("0")}, {entry("SIZE", kUnchanged, kChar, 819, 1), entry("PAYLOAD", kAdded, kBit, 0, Bytes{})}},
+      {"CHBIG",
+       {sizeEntry("0")},
+       {entry("SIZE", kUnchanged, kChar, 819, 1), entry("PAYLOAD", kAdded, kBit, 0, Bytes{})}},
       {"CHBIG", {sizeEntry("12x")}, {}, -1},
       {"CHBIG", {sizeEntry("268435457")}, {}, -1},  // 256 MiB + 1
       {"CHBIG", {four[0]}, {}, -1},
@@ -167,10 +178,12 @@ TEST_F(ChannelsTest, EachProgramReturnsItsFlow) {
 // Large containers go out whole, both ways, and the connection stays in step.
 TEST_F(ChannelsTest, LargeContainersTravelWhole) {
   constexpr size_t kBig = 64u << 20;
-  ProgramReply r = run({.program = "CHBIG", .channelBlock = channel(kChannel, kCcsid, {sizeEntry(std::to_string(kBig))})});
+  ProgramReply r =
+      run({.program = "CHBIG", .channelBlock = channel(kChannel, kCcsid, {sizeEntry(std::to_string(kBig))})});
   ASSERT_EQ(r.replyRc, 0);
-  const Bytes head = channel(kChannel, kCcsid, {entry("SIZE", kUnchanged, kChar, 819, 8),
-                                                entry("PAYLOAD", kAdded, kBit, 0, static_cast<uint32_t>(kBig))});
+  const Bytes head = channel(
+      kChannel, kCcsid,
+      {entry("SIZE", kUnchanged, kChar, 819, 8), entry("PAYLOAD", kAdded, kBit, 0, static_cast<uint32_t>(kBig))});
   EXPECT_TRUE(r.flow == cat({head, bytePattern(kBig)}));  // not EXPECT_EQ: a failure would print 64 MiB
   const Bytes data = pattern(24u << 20);
   r = run({.program = "CHECHO", .channelBlock = channel(kChannel, kCcsid, {entry("DATA", kAdded, kBit, 0, data)})});

@@ -65,8 +65,8 @@ inline Call prog(const std::string& program, const std::string& data) {
 // abend, the data back at full length, no channel.
 inline Bytes echoReply(const Bytes& data) {
   const Bytes n = be32(static_cast<uint32_t>(data.size()));
-  return message(1, "ECI", cat({hex("00000001 00000000 00000000 00000000 00000000"), n, hex("FF 00"), n, data,
-                                hex("00")}));
+  return message(1, "ECI",
+                 cat({hex("00000001 00000000 00000000 00000000 00000000"), n, hex("FF 00"), n, data, hex("00")}));
 }
 
 // Connects and completes the handshake.

@@ -33,7 +33,8 @@ TEST(Concurrency, ManyConnectionsEchoTheirOwnDataAndGetDistinctTokens) {
         ProgramReply r;
         if (!rawclient::call(c, call, r) || r.replyRc != 0) return;
         Bytes expect = call.commarea;
-        if (i % 2) std::transform(expect.begin(), expect.end(), expect.begin(), [](uint8_t b) { return std::toupper(b); });
+        if (i % 2)
+          std::transform(expect.begin(), expect.end(), expect.begin(), [](uint8_t b) { return std::toupper(b); });
         if (r.data != expect) return;
         good.fetch_add(1);
         std::lock_guard lock(mu);

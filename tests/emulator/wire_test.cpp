@@ -29,23 +29,41 @@ const Bytes kEchoRequest = cat({
 // Call type 1, LUW 0, spare 0, rc 0, abend 0, COMMAREA 100, length present, reply length 100.
 const Bytes kEchoReply = cat({
     hex("47617465 10800000 00000001 00000000 00000000 00000003 454349 00 00000083"),
-    hex("00000001 00000000 00000000 00000000 00000000 00000064 FF 00 00000064"), ascii(kCommarea), hex("00"),
+    hex("00000001 00000000 00000000 00000000 00000000 00000064 FF 00 00000064"),
+    ascii(kCommarea),
+    hex("00"),
 });
 
 // CHECHO on QVADEMO with channel MYCHAN (CCSID 819) holding the CHAR container NAME = "abc".
 const Bytes kChannelRequest = cat({
     hex("47617465 10800000 00000001 00000000 00000000 00000003 454349 00 00000096"),
-    hex("00000001 00000000 00000000 00000000 00 00000008"), ascii("QVADEMO "), fill(32, ' '), ascii("CHECHO  "),
-    fill(4, ' '), hex("00000000 00000000 00 00"),  // no COMMAREA, no lengths
-    hex("FF"), ascii("MYCHAN"), fill(10, 0), hex("00000333 00000001"),  // the channel block
-    ascii("NAME"), fill(12, 0), hex("01 00 00 02 00000333 00000003"), ascii("abc"),
+    hex("00000001 00000000 00000000 00000000 00 00000008"),
+    ascii("QVADEMO "),
+    fill(32, ' '),
+    ascii("CHECHO  "),
+    fill(4, ' '),
+    hex("00000000 00000000 00 00"),  // no COMMAREA, no lengths
+    hex("FF"),
+    ascii("MYCHAN"),
+    fill(10, 0),
+    hex("00000333 00000001"),  // the channel block
+    ascii("NAME"),
+    fill(12, 0),
+    hex("01 00 00 02 00000333 00000003"),
+    ascii("abc"),
     hex("0000 00 FFFFFFFF 00000000"),
 });
 const Bytes kChannelReply = cat({
     hex("47617465 10800000 00000001 00000000 00000000 00000003 454349 00 00000056"),
     hex("00000001 00000000 00000000 00000000 00000000 00000000 FF 00 00000000"),
-    hex("FF"), ascii("MYCHAN"), fill(10, 0), hex("00000333 00000001"),  // the return flow
-    ascii("NAME"), fill(12, 0), hex("03 00 00 02 00000333 00000003"), ascii("abc"),
+    hex("FF"),
+    ascii("MYCHAN"),
+    fill(10, 0),
+    hex("00000333 00000001"),  // the return flow
+    ascii("NAME"),
+    fill(12, 0),
+    hex("03 00 00 02 00000333 00000003"),
+    ascii("abc"),
 });
 
 // Name blank-padded to 8 plus a NUL, description blank-padded to 60 plus a NUL.
@@ -86,7 +104,8 @@ TEST_F(WireTest, ServerListsAreExact) {
     Bytes body;
   };
   const Case cases[] = {
-      {{.servers = {{"QVADEMO", "Demo server"}, {"SYS2", "Second system"}}}, 5,
+      {{.servers = {{"QVADEMO", "Demo server"}, {"SYS2", "Second system"}}},
+       5,
        cat({hex("00000009 00000002 00000000 0000008C"), serverEntry("QVADEMO", "Demo server"),
             serverEntry("SYS2", "Second system")})},
       // Capacity entries, all counted: more systems than room (-25).
@@ -150,41 +169,51 @@ TEST_F(WireTest, EachExchangeIsExactWithOrWithoutAFault) {
       {{}, {kEchoRequest, kChannelRequest}, {kEchoReply, kChannelReply}},
       {{}, {closeRequest()}, {closeReply}, true},
       // An unknown call type is answered with the call type only.
-      {{}, {message(1, "ECI", hex("00000007 0000 00 FFFFFFFF 00000000")), x}, {message(1, "ECI", hex("00000007")), xReply}},
+      {{},
+       {message(1, "ECI", hex("00000007 0000 00 FFFFFFFF 00000000")), x},
+       {message(1, "ECI", hex("00000007")), xReply}},
       // Malformed bodies get an exception.
       {{}, {longer, x}, {kException, xReply}},
       {{}, {bad(entry("NAME", kModified, kChar, 819, abc)), x}, {kException, xReply}},  // not ADDED
       {{}, {bad(cat({name16("NAME"), hex("01 00 07 02 00000333 00000003"), abc})), x}, {kException, xReply}},  // spare
       {{}, {bad(entry("NAME", kAdded, kChar, 819, 9, abc)), x}, {kException, xReply}},  // less data than its length
-      {{}, {request({.channelBlock = channel("CH", 819, {entry("NAME", kAdded, kChar, 819, abc)}, 2)}), x},
-       {kException, xReply}},  // more entries than sent
+      {{},
+       {request({.channelBlock = channel("CH", 819, {entry("NAME", kAdded, kChar, 819, abc)}, 2)}), x},
+       {kException, xReply}},                                                                  // more entries than sent
       {{}, {request({.channelBlock = channel("CH", 819, {}, -1)}), x}, {kException, xReply}},  // a negative count
       // A header out of step ends the connection; the largest body taken is 257 MiB.
       {{}, {cat({ascii("X"), slice(handshakeRequest(), 1, 54)})}, {{}}, true},
       {{}, {header(1, "ECI", (257u << 20) + 1)}, {{}}, true},
       {{.fault = Fault::CloseBeforeAnswer, .afterMessages = 1}, {fine}, {{}}, true},
       {{.fault = Fault::CloseMidReply, .afterMessages = 1},
-       {request(prog("ECHO", "half of this goes"))}, {slice(half, 0, 32 + (half.size() - 32) / 2)}, true},
+       {request(prog("ECHO", "half of this goes"))},
+       {slice(half, 0, 32 + (half.size() - 32) / 2)},
+       true},
       {{.fault = Fault::CloseMidReply, .afterMessages = 1}, {closeRequest()}, {slice(closeReply, 0, 33 / 2)}, true},
       // A bad magic and a name two bytes longer than the request's.
-      {{.fault = Fault::MalformedHeader, .afterMessages = 1}, {x},
+      {{.fault = Fault::MalformedHeader, .afterMessages = 1},
+       {x},
        {cat({hex("42414421 10800000 00000001 00000000 00000000 00000005"), ascii("XXXXX"), hex("00 00000000")})},
        true},
       // 0x7FFFFFF0 bytes announced, the real body's first eight sent.
-      {{.fault = Fault::HugeDataLength, .afterMessages = 1}, {x},
-       {cat({header(1, "ECI", 0x7FFFFFF0), hex("00000001 00000000")})}, true},
+      {{.fault = Fault::HugeDataLength, .afterMessages = 1},
+       {x},
+       {cat({header(1, "ECI", 0x7FFFFFF0), hex("00000001 00000000")})},
+       true},
       // The handshake and one call go through.
-      {{.fault = Fault::ExceptionFlow, .afterMessages = 2, .messages = 1}, {fine, x, fine},
+      {{.fault = Fault::ExceptionFlow, .afterMessages = 2, .messages = 1},
+       {fine, x, fine},
        {echoReply(ascii("fine")), message(6, "ECI", hex("00000001 00000004")), echoReply(ascii("fine"))}},
       // The handshake is not an ECI reply: untouched.
       {{.fault = Fault::OversizeCommarea, .messages = 1, .extraBytes = 40},
-       {request(prog("ECHO", "0123456789")), x}, {echoReply(cat({ascii("0123456789"), fill(40, 0xEE)})), xReply}},
+       {request(prog("ECHO", "0123456789")), x},
+       {echoReply(cat({ascii("0123456789"), fill(40, 0xEE)})), xReply}},
       // Capacity 1, and 100 bytes more make two more entries.
       {{.fault = Fault::OversizeServerList, .afterMessages = 1, .messages = 1, .extraBytes = 100},
        {listRequest(1), x},
-       {message(1, "ECI", cat({hex("00000009 00000003 00000000 000000D2"), kDemo,
-                               serverEntry("QVATEST", "Emulated test server"),
-                               serverEntry("EXTRA002", "Entry beyond the caller's capacity")})),
+       {message(1, "ECI",
+                cat({hex("00000009 00000003 00000000 000000D2"), kDemo, serverEntry("QVATEST", "Emulated test server"),
+                     serverEntry("EXTRA002", "Entry beyond the caller's capacity")})),
         xReply}},
   };
   for (size_t n = 0; n < std::size(cases); ++n) {
@@ -220,7 +249,7 @@ TEST_F(FaultsTest, TrickleDeliversTheExactReplyInSmallPieces) {
     got.insert(got.end(), more.begin(), more.end());
   }
   EXPECT_EQ(got, full);
-  EXPECT_GT(pieces, 4u);  // pieces of at most three bytes, some coalesced by the kernel
+  EXPECT_GT(pieces, 4u);      // pieces of at most three bytes, some coalesced by the kernel
   ASSERT_TRUE(c_.send(req));  // the next reply trickles as well, and is correct
   EXPECT_EQ(readMessage(c_), full);
 }
@@ -241,21 +270,36 @@ TEST_F(FaultsTest, ReturnFlowFaultsSendTheFlowTheySay) {
     bool withChannel = true;  // false: a COMMAREA call
   };
   const Case cases[] = {
-      {Fault::ChannelLyingLength, "CHNOOP", {greeting, blob},
+      {Fault::ChannelLyingLength,
+       "CHNOOP",
+       {greeting, blob},
        channel("CH", 37, {entry("GREETING", kModified, kChar, 819, 5 + 64, ascii("hello"))})},
-      {Fault::ChannelLyingLength, "CHNOOP", {},
-       channel("CH", 37, {entry("FAULT", kAdded, kChar, 37, 8, ascii("FAULT"))}), 3},
-      {Fault::ChannelUnknownState, "CHECHO", {greeting, blob},
+      {Fault::ChannelLyingLength,
+       "CHNOOP",
+       {},
+       channel("CH", 37, {entry("FAULT", kAdded, kChar, 37, 8, ascii("FAULT"))}),
+       3},
+      {Fault::ChannelUnknownState,
+       "CHECHO",
+       {greeting, blob},
        channel("CH", 37, {entry("GREETING", 9, kChar, 819, 5), entry("BLOB", kModified, kBit, 0, hex("0001FF"))})},
-      {Fault::ChannelTruncated, "CHNOOP", {greeting, blob},
+      {Fault::ChannelTruncated,
+       "CHNOOP",
+       {greeting, blob},
        cat({channel("CH", 37, {}, 2), ascii("GREETING"), fill(2, 0)})},  // 10 bytes of the first entry
-      {Fault::ChannelDeleteUnknown, "CHNOOP", {greeting},
+      {Fault::ChannelDeleteUnknown,
+       "CHNOOP",
+       {greeting},
        channel("CH", 37, {entry("NOSUCHCONT", kDeleted, kChar, 37, 0), greetingSame})},
       {Fault::ChannelHugeCount, "CHECHO", {greeting, blob}, channel("CH", 37, {greetingSame}, 0x7FFFFFFF)},
       // Channel faults leave COMMAREA calls alone, and the other way round.
       {Fault::ChannelLyingLength, "ECHO", {}, {}, 64, false},
-      {Fault::ChannelReturnOnCommarea, "ECHO", {},
-       channel("QVARETURN", 819, {entry("RESULT", kAdded, kChar, 819, ascii("OK"))}), 64, false},
+      {Fault::ChannelReturnOnCommarea,
+       "ECHO",
+       {},
+       channel("QVARETURN", 819, {entry("RESULT", kAdded, kChar, 819, ascii("OK"))}),
+       64,
+       false},
       {Fault::ChannelReturnOnCommarea, "CHNOOP", {greeting}, channel("CH", 37, {greetingSame})},
   };
   for (const Case& k : cases) {

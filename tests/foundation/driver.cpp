@@ -82,7 +82,8 @@ TEST_F(Driver, Env) {
   if (value != nullptr && args[0] != value)
     expected = {"1136 *EXC*  " + impl + "LevelFromEnv() Supplied trace environment value " + value + " was invalid"};
   else if (unopenable)
-    expected = banner + Lines{"1143 *EXC*  " + impl + "FileFromEnv(" + file + ") file append failed with errno=2. "
+    expected = banner + Lines{"1143 *EXC*  " + impl + "FileFromEnv(" + file +
+                              ") file append failed with errno=2. "
                               "Trace file destination is unchanged. Filename=stderr"};
   else if (level == 3)
     expected = banner + Lines{"1050 ENTRY  " + impl + "ParamsFromEnv()", "1055 EXIT   " + impl + "ParamsFromEnv()",
@@ -92,11 +93,17 @@ TEST_F(Driver, Env) {
   EXPECT_EQ(exists(file), !file.empty() && !unopenable);
   // At level 4 the file shows each setting as it is read and what it set.
   const std::string params = impl + "ParamsFromEnv", shown = " Environment variable QVA_CLIENT_DATA_";
-  const Lines traced = level < 4 ? Lines{} : Lines{
-      "1141 DEBUG  " + impl + "FileFromEnv() Trace file switched to new destination. Filename=" + file,
-      "1050 ENTRY  " + params + "()", "1051 DEBUG  " + params + shown + "LENGTH=" + length,
-      "1052 DEBUG  " + params + " Data truncation length set to " + args[1], "1053 DEBUG  " + params + shown + "OFFSET=" + offset,
-      "1055 EXIT   " + params + "()", "1091 ENTRY  " + get, "1093 EXIT   " + get + " rc=0"};
+  const Lines traced =
+      level < 4
+          ? Lines{}
+          : Lines{"1141 DEBUG  " + impl + "FileFromEnv() Trace file switched to new destination. Filename=" + file,
+                  "1050 ENTRY  " + params + "()",
+                  "1051 DEBUG  " + params + shown + "LENGTH=" + length,
+                  "1052 DEBUG  " + params + " Data truncation length set to " + args[1],
+                  "1053 DEBUG  " + params + shown + "OFFSET=" + offset,
+                  "1055 EXIT   " + params + "()",
+                  "1091 ENTRY  " + get,
+                  "1093 EXIT   " + get + " rc=0"};
   EXPECT_EQ(normalise(readLines(file)), level == 0 || !exists(file) ? Lines{} : banner + traced);
   EXPECT_FALSE(exists(later));
 }
@@ -113,7 +120,8 @@ TEST_F(Driver, InitRace) {
       char *text = nullptr;
       int level = -7;
       const int rc = t % 3 == 0   ? QVA_getDLLVersion(&text)
-                     : t % 3 == 1 ? QVA_getAPIVersion(&text) : QVA_getAPITraceLevel(&level);
+                     : t % 3 == 1 ? QVA_getAPIVersion(&text)
+                                  : QVA_getAPITraceLevel(&level);
       seen[t] = std::to_string(rc) + " " + (t % 3 == 2 ? std::to_string(level) : text ? text : "(null)");
     });
   }
@@ -158,9 +166,16 @@ TEST_F(Driver, InitFail) {
   Lines expected{failAt == 1 ? "clapi_impl.clapiInitFunc() Initialization of qvaclient API trace has failed. rc=-121"
                              : "1124 *EXC*  clapi_impl.clapiInitFunc() Initialization of qvaclient API Gateway Token "
                                "List has failed. rc=-2",
-                 "BANNER", bannerSecondLine(1, "stderr"), noLock, "1005 " + close + "&gwTokPtr=" + nil + ") Null "
-                 "gateway token Pointer", noLock, "1045 " + close + "gwTokPtr=" + nil + ") Null gateway token",
-                 noLock, noLock};
+                 "BANNER",
+                 bannerSecondLine(1, "stderr"),
+                 noLock,
+                 "1005 " + close + "&gwTokPtr=" + nil +
+                     ") Null "
+                     "gateway token Pointer",
+                 noLock,
+                 "1045 " + close + "gwTokPtr=" + nil + ") Null gateway token",
+                 noLock,
+                 noLock};
   std::erase(expected, "");
   EXPECT_EQ(Lines(lines.begin() + 1, lines.end()), expected);
 }

@@ -56,9 +56,16 @@ TEST_F(ChannelTest, NameRuleAcceptsExactlyTheSetAndSixteenCharacters) {
                     bad = "1403 " + exc + "contains invalid character '";
   const struct {
     std::string name, exc;  // the *EXC* line validateName writes, if any
-  } cases[] = {{"ABCDEFGHIJKLMNOP", ""}, {"az09<>$@#/%&?!:|", ""}, {"\\\"=';.-_", ""}, {"ABCDEFGHIJKLMNOPQ", tooLong},
-               {"ABCDEFGHIJKLMNOP ", tooLong}, {"TWO WORDS", bad + " '"}, {"A,B", bad + ",'"}, {"A+", bad + "+'"},
-               {"caf\xE9", bad + "\xE9'"}, {"", "1407 " + exc + "is zero length"}};
+  } cases[] = {{"ABCDEFGHIJKLMNOP", ""},
+               {"az09<>$@#/%&?!:|", ""},
+               {"\\\"=';.-_", ""},
+               {"ABCDEFGHIJKLMNOPQ", tooLong},
+               {"ABCDEFGHIJKLMNOP ", tooLong},
+               {"TWO WORDS", bad + " '"},
+               {"A,B", bad + ",'"},
+               {"A+", bad + "+'"},
+               {"caf\xE9", bad + "\xE9'"},
+               {"", "1407 " + exc + "is zero length"}};
   level(1);
   for (const auto &c : cases) {
     mark();
@@ -95,8 +102,9 @@ TEST_F(ChannelTest, WalkRunsNewestFirstRestartsAfterItsEndAndSurvivesDeletes) {
 // set). A channel keeps the CCSID of its first CHAR container, given or from
 // the locale; BIT containers decide nothing and report 0.
 TEST_F(ChannelTest, CcsidComesFromLangAndTheChannelKeepsItsFirst) {
-  const std::pair<const char *, int32_t> cases[] = {{nullptr, 819}, {"", 819}, {"ar_EG", 1089}, {"trx", 920},
-      {"zh_TW.big5x", 950}, {"zh_TW.BIG5", 964}, {"zh_HK", 1383}, {"tchinese", 964}, {"en_US.UTF-8", 819}};
+  const std::pair<const char *, int32_t> cases[] = {
+      {nullptr, 819},      {"", 819},       {"ar_EG", 1089},   {"trx", 920},        {"zh_TW.big5x", 950},
+      {"zh_TW.BIG5", 964}, {"zh_HK", 1383}, {"tchinese", 964}, {"en_US.UTF-8", 819}};
   level(1);
   for (const auto &[lang, expected] : cases) {
     lang == nullptr ? unsetenv("LANG") : setenv("LANG", lang, 1);
@@ -106,7 +114,8 @@ TEST_F(ChannelTest, CcsidComesFromLangAndTheChannelKeepsItsFirst) {
     EXPECT_EQ(ccsid, expected) << (lang ? lang : "unset");
     EXPECT_EQ(sinceMark(), expected == 819 && lang != nullptr && lang[0] != '\0'
                                ? Lines{"1439 *EXC*  clapi_channel.getCurrentCcsid Unable to find a CCSID for codeset " +
-                                       std::string(lang)} : Lines{});
+                                       std::string(lang)}
+                               : Lines{});
   }
   setenv("LANG", "ru_RU", 1);
   QvaChannel *other = nullptr;
@@ -114,7 +123,8 @@ TEST_F(ChannelTest, CcsidComesFromLangAndTheChannelKeepsItsFirst) {
   ASSERT_EQ(add("BITS", "x", ECI_BIT, 37, other), ECI_NO_ERROR);
   EXPECT_EQ(other->ccsid, -1);
   for (int rc : {add("LOCALE", "x", ECI_CHAR, 0, other), add("UTF8", "x", ECI_CHAR, 1208, other),
-                 add("FIRST", "x", ECI_CHAR, 1208), add("LATER", "x", ECI_CHAR, 0)}) ASSERT_EQ(rc, ECI_NO_ERROR);
+                 add("FIRST", "x", ECI_CHAR, 1208), add("LATER", "x", ECI_CHAR, 0)})
+    ASSERT_EQ(rc, ECI_NO_ERROR);
   EXPECT_EQ((Lines{info("BITS", other), info("LOCALE", other), info("UTF8", other), info("FIRST"), info("LATER")}),
             (Lines{"1 0 1", "1 915 2", "1 1208 2", "1 1208 2", "1 1208 2"}));
   EXPECT_EQ(std::to_string(other->ccsid) + " " + std::to_string(chan->ccsid), "915 1208");
@@ -125,8 +135,8 @@ TEST_F(ChannelTest, CcsidComesFromLangAndTheChannelKeepsItsFirst) {
 TEST_F(ChannelTest, DataIsReadUpToTheEndAndReplacedWhole) {
   ASSERT_EQ(add("DATA", "0123456789", ECI_CHAR, 37), ECI_NO_ERROR);
   // {length, offset, bytes read}
-  const uint32_t cases[][3] = {{100, 0, 10}, {100, 4, 6}, {3, 4, 3}, {100, 10, 0}, {100, 11, 0}, {0xFFFFFFFFu, 1, 9},
-                               {0xFFFFFFF8u, 9, 1}, {0, 2, 0}};
+  const uint32_t cases[][3] = {{100, 0, 10}, {100, 4, 6},         {3, 4, 3},           {100, 10, 0},
+                               {100, 11, 0}, {0xFFFFFFFFu, 1, 9}, {0xFFFFFFF8u, 9, 1}, {0, 2, 0}};
   for (const auto &c : cases) {
     std::string buffer(16, '.');
     uint32_t count = 99;
@@ -156,27 +166,30 @@ TEST_F(ChannelTest, ArgumentsAreCheckedInOrderAndStaleTokensAreRefused) {
   EXPECT_EQ(gone, nullptr);
   int notAChannel[32] = {};
   auto *foreign = reinterpret_cast<QvaChannel *>(notAChannel);
-  const int cases[][2] = {  // {result, expected}
-      {ECI_createChannel("X", nullptr), ECI_ERR_NULLCHANNELPTR}, {ECI_deleteChannel(nullptr), ECI_ERR_NULLCHANNELPTR},
-      {ECI_getChannelName(nullptr, nullptr), ECI_ERR_INVALID_CHANNEL},
-      {ECI_getChannelName(chan, nullptr), ECI_ERR_NULLPTR}, {ECI_deleteChannel(&gone), ECI_ERR_INVALID_CHANNEL},
-      {ECI_deleteChannel(&copy), ECI_ERR_INVALID_CHANNEL}, {ECI_getChannelName(copy, name), ECI_ERR_INVALID_CHANNEL},
-      {ECI_getNextContainer(copy, &info), ECI_ERR_INVALID_CHANNEL},
-      {ECI_getFirstContainer(foreign, &info), ECI_ERR_INVALID_CHANNEL},
-      {ECI_createContainer(nullptr, nullptr, 9, 0, nullptr, 1), ECI_ERR_INVALID_CHANNEL},
-      {ECI_createContainer(chan, nullptr, 9, 0, nullptr, 1), ECI_ERR_INVALID_TYPE},
-      {ECI_createContainer(chan, nullptr, ECI_BIT, 0, nullptr, 1), ECI_ERR_INVALID_DATA_LENGTH},
-      {ECI_createContainer(copy, "OK", ECI_BIT, 0, nullptr, 0), ECI_ERR_INVALID_CHANNEL},
-      {ECI_setContainerData(nullptr, "NONE", nullptr, 1), ECI_ERR_INVALID_CHANNEL},
-      {ECI_setContainerData(chan, "NONE", nullptr, 1), ECI_ERR_INVALID_DATA_LENGTH},
-      {ECI_setContainerData(chan, "NONE", nullptr, 0), ECI_ERR_CONTAINER_NOTFOUND},
-      {ECI_getContainerData(chan, "NONE", nullptr, 1, 0, nullptr), ECI_ERR_NULLPTR},
-      {ECI_getContainerData(chan, "NONE", name, 1, 0, nullptr), ECI_ERR_CONTAINER_NOTFOUND},
-      {ECI_getContainerInfo(nullptr, "NONE", nullptr), ECI_ERR_INVALID_CHANNEL},
-      {ECI_getContainerInfo(chan, "NONE", nullptr), ECI_ERR_NULLINFOPTR},
-      {ECI_getContainerInfo(chan, "NO NAME", &info), ECI_ERR_INVALID_NAME},
-      {ECI_getNextContainer(chan, nullptr), ECI_ERR_NULLINFOPTR},
-      {ECI_deleteContainer(nullptr, "X"), ECI_ERR_INVALID_CHANNEL}};
+  const int cases[][2] = {// {result, expected}
+                          {ECI_createChannel("X", nullptr), ECI_ERR_NULLCHANNELPTR},
+                          {ECI_deleteChannel(nullptr), ECI_ERR_NULLCHANNELPTR},
+                          {ECI_getChannelName(nullptr, nullptr), ECI_ERR_INVALID_CHANNEL},
+                          {ECI_getChannelName(chan, nullptr), ECI_ERR_NULLPTR},
+                          {ECI_deleteChannel(&gone), ECI_ERR_INVALID_CHANNEL},
+                          {ECI_deleteChannel(&copy), ECI_ERR_INVALID_CHANNEL},
+                          {ECI_getChannelName(copy, name), ECI_ERR_INVALID_CHANNEL},
+                          {ECI_getNextContainer(copy, &info), ECI_ERR_INVALID_CHANNEL},
+                          {ECI_getFirstContainer(foreign, &info), ECI_ERR_INVALID_CHANNEL},
+                          {ECI_createContainer(nullptr, nullptr, 9, 0, nullptr, 1), ECI_ERR_INVALID_CHANNEL},
+                          {ECI_createContainer(chan, nullptr, 9, 0, nullptr, 1), ECI_ERR_INVALID_TYPE},
+                          {ECI_createContainer(chan, nullptr, ECI_BIT, 0, nullptr, 1), ECI_ERR_INVALID_DATA_LENGTH},
+                          {ECI_createContainer(copy, "OK", ECI_BIT, 0, nullptr, 0), ECI_ERR_INVALID_CHANNEL},
+                          {ECI_setContainerData(nullptr, "NONE", nullptr, 1), ECI_ERR_INVALID_CHANNEL},
+                          {ECI_setContainerData(chan, "NONE", nullptr, 1), ECI_ERR_INVALID_DATA_LENGTH},
+                          {ECI_setContainerData(chan, "NONE", nullptr, 0), ECI_ERR_CONTAINER_NOTFOUND},
+                          {ECI_getContainerData(chan, "NONE", nullptr, 1, 0, nullptr), ECI_ERR_NULLPTR},
+                          {ECI_getContainerData(chan, "NONE", name, 1, 0, nullptr), ECI_ERR_CONTAINER_NOTFOUND},
+                          {ECI_getContainerInfo(nullptr, "NONE", nullptr), ECI_ERR_INVALID_CHANNEL},
+                          {ECI_getContainerInfo(chan, "NONE", nullptr), ECI_ERR_NULLINFOPTR},
+                          {ECI_getContainerInfo(chan, "NO NAME", &info), ECI_ERR_INVALID_NAME},
+                          {ECI_getNextContainer(chan, nullptr), ECI_ERR_NULLINFOPTR},
+                          {ECI_deleteContainer(nullptr, "X"), ECI_ERR_INVALID_CHANNEL}};
   for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i][0], cases[i][1]) << "case " << i;
 }
 
@@ -216,8 +229,9 @@ TEST_F(ChannelTest, TraceOfASessionAtLevelFour) {
   const std::string create = "API.ECI_createContainer", ccsid = "clapi_channel.getCurrentCcsid",
                     next = "API.ECI_getNextContainer", del = "API.ECI_deleteContainer",
                     get = "API.ECI_getContainerData", ok = " rc=0 (ECI_NO_ERROR)";
-  EXPECT_EQ(lines, (Lines{"1345 ENTRY  " + create + "(chanTok=" + chanText + ", name=TEXT, type=2, ccsid=0, data=" +
-                          ptrText(hi) + ", dataLength=2)"} + name +
+  EXPECT_EQ(lines, (Lines{"1345 ENTRY  " + create + "(chanTok=" + chanText +
+                          ", name=TEXT, type=2, ccsid=0, data=" + ptrText(hi) + ", dataLength=2)"} +
+                    name +
                     Lines{"1435 ENTRY  " + ccsid + "(ccsidPtr=STACK)",
                           "1437 DEBUG  " + ccsid + " LANG environment variable not set, defaulting to CCSID 819",
                           "1441 EXIT   " + ccsid + "() rc=0, *ccsidPtr=819",
@@ -228,12 +242,14 @@ TEST_F(ChannelTest, TraceOfASessionAtLevelFour) {
                               ") in channel \"CHAN\" (" + chanText + ")",
                           "1359 EXIT   " + create + "()" + ok,
                           "1380 ENTRY  " + get + "(chanTok=" + chanText + ", name=TEXT, buffer=" + ptrText(buffer) +
-                              ", length=4, offset=2, bytesReadPtr=(nil))"} + name +
+                              ", length=4, offset=2, bytesReadPtr=(nil))"} +
+                    name +
                     Lines{"1386 DEBUG  " + get + " No data to copy", "1389 EXIT   " + get + "()" + ok,
                           "1335 ENTRY  " + next + "(chanTok=" + chanText + ", infoPtr=(nil))",
                           "1337 *EXC*  " + next + " infoPtr is NULL",
                           "1344 EXIT   " + next + "() rc=-55 (ECI_ERR_NULLINFOPTR)",
-                          "1360 ENTRY  " + del + "(chanTok=" + chanText + ", name=TEXT)"} + name +
+                          "1360 ENTRY  " + del + "(chanTok=" + chanText + ", name=TEXT)"} +
+                    name +
                     Lines{"1364 DEBUG  " + del + " Freeing 2 bytes of container data (" + data + ")",
                           "1365 EVENT  " + del + " Deleted container \"TEXT\" (" + contText + ")",
                           "1369 EXIT   " + del + "()" + ok}));
@@ -244,15 +260,18 @@ TEST_F(ChannelTest, TraceOfASessionAtLevelFour) {
 TEST_F(EciVerifyTest, EachCheckHasItsCodeAndLineAndTheFirstFailureWins) {
   static char commarea[10];
   const int codes[] = {ECI_ERR_INVALID_CALL_TYPE, ECI_ERR_INVALID_EXTEND_MODE, ECI_ERR_INVALID_DATA_LENGTH,  // 3301 on
-                       ECI_ERR_INVALID_DATA_AREA, ECI_ERR_INVALID_VERSION, ECI_ERR_REQUEST_TIMEOUT};
+                       ECI_ERR_INVALID_DATA_AREA, ECI_ERR_INVALID_VERSION,     ECI_ERR_REQUEST_TIMEOUT};
 #define C(...) [](ECI_PARMS &p) { __VA_ARGS__; }
   const struct {
     void (*change)(ECI_PARMS &);
     int minVersion;
     std::string exc;  // the point and message of the exception line, if any
   } cases[] = {
-      {C(p.eci_timeout = 0), 3, ""}, {C(p.eci_extend_mode = ECI_COMMIT), 3, ""}, {C(p.eci_version = 4), 3, ""},
-      {C(p.eci_extend_mode = ECI_BACKOUT), 3, ""}, {C(p.eci_version = 2), 2, ""},
+      {C(p.eci_timeout = 0), 3, ""},
+      {C(p.eci_extend_mode = ECI_COMMIT), 3, ""},
+      {C(p.eci_version = 4), 3, ""},
+      {C(p.eci_extend_mode = ECI_BACKOUT), 3, ""},
+      {C(p.eci_version = 2), 2, ""},
       {C(p.eci_commarea = commarea; p.eci_commarea_length = 10), 3, ""},
       {C(p.eci_call_type = 0), 3, "3301 Invalid Call Type - eci_call_type=0"},
       {C(p.eci_call_type = 2; p.eci_extend_mode = 3; p.eci_commarea_length = -1), 3,

@@ -23,28 +23,70 @@ using LockTest = TraceFileTest;
 using GuardedAllocTest = TraceFileTest;
 using ConcurrentTest = TraceFileTest;
 
-const std::map<std::string, long> kAgreed{
-    {"QVA_OK", 0}, {"QVA_ERR_INVALID_DATA_LENGTH", -1}, {"QVA_ERR_SYSTEM_ERROR", -9}, {"QVA_ERR_MORE_SYSTEMS", -25},
-    {"QVA_ERR_NO_SYSTEMS", -26}, {"QVA_ERR_NULLGWTOK", -100}, {"QVA_ERR_BADGWTOK", -101}, {"QVA_ERR_LOSTGWCON", -102},
-    {"QVA_ERR_NULLPARM", -103}, {"QVA_ERR_TRACELEVEL", -104}, {"QVA_ERR_BADPORT", -107}, {"QVA_ERR_NULLGWTOKPTR", -108},
-    {"QVA_ERR_NULLPTR", -109}, {"QVA_ERR_MALLOCFAIL", -111}, {"QVA_ERR_BADGWTOKLIST", -115},
-    {"QVA_ERR_CONNECTFAILED", -118}, {"QVA_ERR_LOCKFAIL", -121}, {"QVA_ERR_PIDMISMATCH", -123},
-    {"QVA_ERR_TIDMISMATCH", -124}, {"QVA_ERR_TRACEFILE", -130}, {"QVA_ERR_BADHOST", -132},
-    {"QVA_ERR_NULLADDRESS", -133}, {"QVA_ERR_CONNECTTIMEOUT", -134}, {"QVA_ERR_NULLECIPOINTER", -137},
-    {"QVA_ERR_INVALIDTIMEOUTPARM", -138}, {"QVA_ERR_UNKNOWN_REQUEST_TYPE", 61442}, {"QVA_ERR_GATEWAY_CLOSED", 61444},
-    {"QVA_ERR_WORK_WAS_REFUSED", 61445}, {"QVA_ERR_GATEWAY_EXCEPTION", 61446}, {"QVA_ERR_GATEWAY_BACK_LEVEL", 61450},
-    {"QVA_ERR_INVALID_REQUEST_TYPE", 61451}, {"ECI_NO_ERROR", 0}, {"ECI_ERR_INVALID_DATA_LENGTH", -1},
-    {"ECI_ERR_INVALID_EXTEND_MODE", -2}, {"ECI_ERR_NO_VESK", -3}, {"ECI_ERR_VESK_DIED", -4},
-    {"ECI_ERR_REQUEST_TIMEOUT", -5}, {"ECI_ERR_RESPONSE_TIMEOUT", -6}, {"ECI_ERR_TRANSACTION_ABEND", -7},
-    {"ECI_ERR_LUW_TOKEN", -8}, {"ECI_ERR_SYSTEM_ERROR", -9}, {"ECI_ERR_INVALID_CALL_TYPE", -14},
-    {"ECI_ERR_RESOURCE_SHORTAGE", -16}, {"ECI_ERR_NO_SESSIONS", -17}, {"ECI_ERR_INVALID_DATA_AREA", -19},
-    {"ECI_ERR_INVALID_VERSION", -21}, {"ECI_ERR_UNKNOWN_SERVER", -22}, {"ECI_ERR_SECURITY_ERROR", -27},
-    {"ECI_ERR_MAX_SYSTEMS", -28}, {"ECI_ERR_MAX_SESSIONS", -29}, {"ECI_ERR_ROLLEDBACK", -30},
-    {"ECI_ERR_INVALID_CHANNEL", -50}, {"ECI_ERR_INVALID_NAME", -51}, {"ECI_ERR_NULLCHANNELPTR", -52},
-    {"ECI_ERR_CHANNELLOCKFAIL", -53}, {"ECI_ERR_ENDOFCONTAINERS", -54}, {"ECI_ERR_NULLINFOPTR", -55},
-    {"ECI_ERR_INVALID_TYPE", -56}, {"ECI_ERR_CONTAINER_NOTFOUND", -58}, {"ECI_ERR_CONTAINER_EXISTS", -59},
-    {"ECI_ERR_COMMAREA_AND_CHANNEL", -60}, {"ECI_ERR_NULLPTR", -109}, {"ECI_ERR_MEMORY_SHORTAGE", -111},
-    {"ECI_ERR_LOCKFAIL", -121}};
+const std::map<std::string, long> kAgreed{{"QVA_OK", 0},
+                                          {"QVA_ERR_INVALID_DATA_LENGTH", -1},
+                                          {"QVA_ERR_SYSTEM_ERROR", -9},
+                                          {"QVA_ERR_MORE_SYSTEMS", -25},
+                                          {"QVA_ERR_NO_SYSTEMS", -26},
+                                          {"QVA_ERR_NULLGWTOK", -100},
+                                          {"QVA_ERR_BADGWTOK", -101},
+                                          {"QVA_ERR_LOSTGWCON", -102},
+                                          {"QVA_ERR_NULLPARM", -103},
+                                          {"QVA_ERR_TRACELEVEL", -104},
+                                          {"QVA_ERR_BADPORT", -107},
+                                          {"QVA_ERR_NULLGWTOKPTR", -108},
+                                          {"QVA_ERR_NULLPTR", -109},
+                                          {"QVA_ERR_MALLOCFAIL", -111},
+                                          {"QVA_ERR_BADGWTOKLIST", -115},
+                                          {"QVA_ERR_CONNECTFAILED", -118},
+                                          {"QVA_ERR_LOCKFAIL", -121},
+                                          {"QVA_ERR_PIDMISMATCH", -123},
+                                          {"QVA_ERR_TIDMISMATCH", -124},
+                                          {"QVA_ERR_TRACEFILE", -130},
+                                          {"QVA_ERR_BADHOST", -132},
+                                          {"QVA_ERR_NULLADDRESS", -133},
+                                          {"QVA_ERR_CONNECTTIMEOUT", -134},
+                                          {"QVA_ERR_NULLECIPOINTER", -137},
+                                          {"QVA_ERR_INVALIDTIMEOUTPARM", -138},
+                                          {"QVA_ERR_UNKNOWN_REQUEST_TYPE", 61442},
+                                          {"QVA_ERR_GATEWAY_CLOSED", 61444},
+                                          {"QVA_ERR_WORK_WAS_REFUSED", 61445},
+                                          {"QVA_ERR_GATEWAY_EXCEPTION", 61446},
+                                          {"QVA_ERR_GATEWAY_BACK_LEVEL", 61450},
+                                          {"QVA_ERR_INVALID_REQUEST_TYPE", 61451},
+                                          {"ECI_NO_ERROR", 0},
+                                          {"ECI_ERR_INVALID_DATA_LENGTH", -1},
+                                          {"ECI_ERR_INVALID_EXTEND_MODE", -2},
+                                          {"ECI_ERR_NO_VESK", -3},
+                                          {"ECI_ERR_VESK_DIED", -4},
+                                          {"ECI_ERR_REQUEST_TIMEOUT", -5},
+                                          {"ECI_ERR_RESPONSE_TIMEOUT", -6},
+                                          {"ECI_ERR_TRANSACTION_ABEND", -7},
+                                          {"ECI_ERR_LUW_TOKEN", -8},
+                                          {"ECI_ERR_SYSTEM_ERROR", -9},
+                                          {"ECI_ERR_INVALID_CALL_TYPE", -14},
+                                          {"ECI_ERR_RESOURCE_SHORTAGE", -16},
+                                          {"ECI_ERR_NO_SESSIONS", -17},
+                                          {"ECI_ERR_INVALID_DATA_AREA", -19},
+                                          {"ECI_ERR_INVALID_VERSION", -21},
+                                          {"ECI_ERR_UNKNOWN_SERVER", -22},
+                                          {"ECI_ERR_SECURITY_ERROR", -27},
+                                          {"ECI_ERR_MAX_SYSTEMS", -28},
+                                          {"ECI_ERR_MAX_SESSIONS", -29},
+                                          {"ECI_ERR_ROLLEDBACK", -30},
+                                          {"ECI_ERR_INVALID_CHANNEL", -50},
+                                          {"ECI_ERR_INVALID_NAME", -51},
+                                          {"ECI_ERR_NULLCHANNELPTR", -52},
+                                          {"ECI_ERR_CHANNELLOCKFAIL", -53},
+                                          {"ECI_ERR_ENDOFCONTAINERS", -54},
+                                          {"ECI_ERR_NULLINFOPTR", -55},
+                                          {"ECI_ERR_INVALID_TYPE", -56},
+                                          {"ECI_ERR_CONTAINER_NOTFOUND", -58},
+                                          {"ECI_ERR_CONTAINER_EXISTS", -59},
+                                          {"ECI_ERR_COMMAREA_AND_CHANNEL", -60},
+                                          {"ECI_ERR_NULLPTR", -109},
+                                          {"ECI_ERR_MEMORY_SHORTAGE", -111},
+                                          {"ECI_ERR_LOCKFAIL", -121}};
 
 // QVA_getRcString looks in the QVA_ table first, then among the ECI_ names;
 // QVA_getRcStringECI knows only the ECI_ names from -60 to -1.
@@ -57,8 +99,8 @@ TEST(ResultCodes, HeaderConstantsHaveTheAgreedValuesAndTheLibrarysNames) {
     header[(*it)[1]] = std::stol((*it)[2], nullptr, 0);
   EXPECT_EQ(header, kAgreed);
   std::map<long, std::string> qva, eci;
-  std::set<long> probes{-105, -106, -110, -112, -119, -120, -122, -131, -135, -136, -139, 0xF000, 0xF00F, 61443,
-                        61447, -61445, 0x7FFFFFFF, static_cast<int>(0x80000000u)};
+  std::set<long> probes{-105, -106, -110,   -112,   -119,  -120,  -122,   -131,       -135,
+                        -136, -139, 0xF000, 0xF00F, 61443, 61447, -61445, 0x7FFFFFFF, static_cast<int>(0x80000000u)};
   for (int rc = -70; rc <= 5; ++rc) probes.insert(rc);
   for (const auto &[name, value] : kAgreed) {
     const bool isQva = name.rfind("QVA_", 0) == 0;
@@ -104,7 +146,8 @@ TEST_F(TraceFileTest, FrameCallsDoTheirWorkTraceItAndRefuseBadArguments) {
   EXPECT_EQ(QVA_dumpState(), QVA_OK);
   char *dllText = nullptr, *apiText = nullptr;
   EXPECT_EQ((std::vector<int>{QVA_getDLLVersion(&dllText), QVA_getDLLVersion(nullptr), QVA_getAPIVersion(&apiText),
-                              QVA_getAPIVersion(nullptr)}), (std::vector<int>{0, QVA_ERR_NULLPTR, 0, QVA_ERR_NULLPTR}));
+                              QVA_getAPIVersion(nullptr)}),
+            (std::vector<int>{0, QVA_ERR_NULLPTR, 0, QVA_ERR_NULLPTR}));
   EXPECT_EQ(std::string(dllText) + " " + apiText, "8.0.0.1 2.1.0.0");
   char name[QVA_RC_STRING_SIZE];
   EXPECT_TRUE(QVA_getRcString(-22, name) == name && QVA_getRcString(-121, name) == name);
@@ -125,35 +168,49 @@ TEST_F(TraceFileTest, FrameCallsDoTheirWorkTraceItAndRefuseBadArguments) {
                  out + nil + "), rc=-109"};
   };
   const Lines channels{"Channel and container dump", dashes, "The channel list is EMPTY", dashes};
-  EXPECT_EQ(all(), (Lines{head + "0 clientAPITraceFile=" + path(), empty} + channels +
-                    Lines{"BANNER", bannerSecondLine(3, path()), "1096 EXIT  " + set + "3) new trace level=3 rc=0",
-                          "1091 ENTRY " + get + at + ")", "1093 EXIT  " + get + at + ") rc=0",
-                          "1094 ENTRY " + set + "4) current trace level=3",
-                          "1096 EXIT  " + set + "4) new trace level=4 rc=0",
-                          "1094 ENTRY " + set + "6) current trace level=4",
-                          "1095 *EXC*  API.QVA_setAPITraceLevel() Supplied trace state value 6 was invalid",
-                          "1096 EXIT  " + set + "6) new trace level=4 rc=-104", "1091 ENTRY " + get + nil + ")",
-                          "1092 *EXC*  API.QVA_getAPITraceLevel() Supplied pointer is NULL",
-                          "1093 EXIT  " + get + nil + ") rc=-109",
-                          "1013 ENTRY " + off + "(dataOffset=64)", "1014 DEBUG " + offChanged + "0 to 64",
-                          "1015 EXIT  " + off + "()", "1013 ENTRY " + off + "(dataOffset=4294967295)",
-                          "1014 DEBUG " + offChanged + "64 to 4294967295", "1015 EXIT  " + off + "()",
-                          "1010 ENTRY " + len + "(dataLength=0)", "1011 DEBUG " + lenChanged + "128 to 0",
-                          "1012 EXIT  " + len + "()", "1010 ENTRY " + len + "(dataLength=300)",
-                          "1011 DEBUG " + lenChanged + "0 to 300", "1012 EXIT  " + len + "()",
-                          "1106 ENTRY  API.QVA_dumpState()", head + "4 clientAPITraceFile=" + path(),
-                          "2180 ENTRY  " + tokens, empty, "2182 EXIT   " + tokens + " List length=0 rc=1006",
-                          "1410 ENTRY  API.QVA_ECI_dumpChannels()"} + channels +
-                    Lines{"1419 EXIT   API.QVA_ECI_dumpChannels() rc=0 (ECI_NO_ERROR)",
-                          "1107 EXIT   API.QVA_dumpState()"} +
-                    query(1130, "QVA_getDLLVersion", "dllVersPtr", &dllText) +
-                    query(1088, "QVA_getAPIVersion", "apiVersPtr", &apiText) +
-                    Lines{"1130 ENTRY  " + rc + "rc=-22, rcString=" + buffer + ")",
-                          "3310 ENTRY  " + eci + "rc=-22,rcString=" + buffer + ")",
-                          "3311 EXIT   " + eci + "rcString=" + buffer + ") rc=-22",
-                          "1131 EXIT   " + rc + "rcString=ECI_ERR_UNKNOWN_SERVER) rc=-22",
-                          "1130 ENTRY  " + rc + "rc=-121, rcString=" + buffer + ")",
-                          "1131 EXIT   " + rc + "rcString=QVA_ERR_LOCKFAIL) rc=-121"}));
+  EXPECT_EQ(all(),
+            (Lines{head + "0 clientAPITraceFile=" + path(), empty} + channels +
+             Lines{"BANNER",
+                   bannerSecondLine(3, path()),
+                   "1096 EXIT  " + set + "3) new trace level=3 rc=0",
+                   "1091 ENTRY " + get + at + ")",
+                   "1093 EXIT  " + get + at + ") rc=0",
+                   "1094 ENTRY " + set + "4) current trace level=3",
+                   "1096 EXIT  " + set + "4) new trace level=4 rc=0",
+                   "1094 ENTRY " + set + "6) current trace level=4",
+                   "1095 *EXC*  API.QVA_setAPITraceLevel() Supplied trace state value 6 was invalid",
+                   "1096 EXIT  " + set + "6) new trace level=4 rc=-104",
+                   "1091 ENTRY " + get + nil + ")",
+                   "1092 *EXC*  API.QVA_getAPITraceLevel() Supplied pointer is NULL",
+                   "1093 EXIT  " + get + nil + ") rc=-109",
+                   "1013 ENTRY " + off + "(dataOffset=64)",
+                   "1014 DEBUG " + offChanged + "0 to 64",
+                   "1015 EXIT  " + off + "()",
+                   "1013 ENTRY " + off + "(dataOffset=4294967295)",
+                   "1014 DEBUG " + offChanged + "64 to 4294967295",
+                   "1015 EXIT  " + off + "()",
+                   "1010 ENTRY " + len + "(dataLength=0)",
+                   "1011 DEBUG " + lenChanged + "128 to 0",
+                   "1012 EXIT  " + len + "()",
+                   "1010 ENTRY " + len + "(dataLength=300)",
+                   "1011 DEBUG " + lenChanged + "0 to 300",
+                   "1012 EXIT  " + len + "()",
+                   "1106 ENTRY  API.QVA_dumpState()",
+                   head + "4 clientAPITraceFile=" + path(),
+                   "2180 ENTRY  " + tokens,
+                   empty,
+                   "2182 EXIT   " + tokens + " List length=0 rc=1006",
+                   "1410 ENTRY  API.QVA_ECI_dumpChannels()"} +
+             channels +
+             Lines{"1419 EXIT   API.QVA_ECI_dumpChannels() rc=0 (ECI_NO_ERROR)", "1107 EXIT   API.QVA_dumpState()"} +
+             query(1130, "QVA_getDLLVersion", "dllVersPtr", &dllText) +
+             query(1088, "QVA_getAPIVersion", "apiVersPtr", &apiText) +
+             Lines{"1130 ENTRY  " + rc + "rc=-22, rcString=" + buffer + ")",
+                   "3310 ENTRY  " + eci + "rc=-22,rcString=" + buffer + ")",
+                   "3311 EXIT   " + eci + "rcString=" + buffer + ") rc=-22",
+                   "1131 EXIT   " + rc + "rcString=ECI_ERR_UNKNOWN_SERVER) rc=-22",
+                   "1130 ENTRY  " + rc + "rc=-121, rcString=" + buffer + ")",
+                   "1131 EXIT   " + rc + "rcString=QVA_ERR_LOCKFAIL) rc=-121"}));
 }
 
 // Which points a fixed set of calls reaches at each level; nothing at 0.
@@ -253,11 +310,19 @@ TEST_F(TraceFileTest, StorageDumpsFormatLinesAndHonourOffsetAndTruncation) {
   const struct {
     const uint8_t *bytes;
     uint32_t truncation, offset, length, shown;
-  } cases[] = {{hello, 128, 0, 16, 16}, {digits, 128, 0, 20, 20}, {odd, 128, 0, 8, 8}, {data, 128, 0, 300, 128},
-               {data, 0, 0, 300, 300}, {data, 0, 8, 20, 12}, {data, 0, 20, 20, 0}, {data, 0, 25, 20, 0},
-               {data, 5, 0, 300, 5}, {data, 5, 4, 300, 5},
+  } cases[] = {{hello, 128, 0, 16, 16},
+               {digits, 128, 0, 20, 20},
+               {odd, 128, 0, 8, 8},
+               {data, 128, 0, 300, 128},
+               {data, 0, 0, 300, 300},
+               {data, 0, 8, 20, 12},
+               {data, 0, 20, 20, 0},
+               {data, 0, 25, 20, 0},
+               {data, 5, 0, 300, 5},
+               {data, 5, 4, 300, 5},
                // An offset far past the end must not wrap round to a small count.
-               {data, 0, 0xFFFFFFF0u, 20, 0}, {data, 128, 0x80000000u, 300, 0}};
+               {data, 0, 0xFFFFFFF0u, 20, 0},
+               {data, 128, 0x80000000u, 300, 0}};
   Lines last;  // the last line of each dump
   for (const auto &c : cases) {
     QVA_setAPITraceDataLength(c.truncation);
@@ -266,8 +331,8 @@ TEST_F(TraceFileTest, StorageDumpsFormatLinesAndHonourOffsetAndTruncation) {
     EXPECT_EQ(clapiTraceOutStorage(c.bytes, c.length, 0, 16, 1), c.shown) << c.offset;
     const Lines lines = sinceMark();
     ASSERT_EQ(lines.size(), 1 + (c.shown + 15) / 16) << c.offset;
-    EXPECT_EQ(lines[0], "Data truncation size=" + std::to_string(c.truncation) + ", offset=" +
-                            std::to_string(c.offset));
+    EXPECT_EQ(lines[0],
+              "Data truncation size=" + std::to_string(c.truncation) + ", offset=" + std::to_string(c.offset));
     if (c.shown != 0) last.push_back(lines.back());
   }
   EXPECT_EQ(last, (Lines{at(hello) + "48656C6C 6F2C2077 6F726C64 210A0000 : Hello, world!... ",
@@ -311,13 +376,13 @@ TEST_F(LockTest, MarkerFollowsInitialiseAndDestroyAndRecordsWithoutItAreRefused)
                                   clapiIsLockInitialized(&lock), clapiRequestLock(&lock), clapiReleaseLock(&lock),
                                   clapiDestroyLock(&lock), clapiIsLockInitialized(&lock), clapiReleaseLock(&lock)}),
             (std::vector<int64_t>{0, 0xFFEEDDCC, 1, 0xFFEEDDCC, 0, 0, 0, 0xCCDDEEFF, -1}));
-  EXPECT_EQ(sinceMark(), (Lines{line("3100 ENTRY", "Initialize"), line("3102 EXIT ", "Initialize", ok),
-                                line("3100 ENTRY", "Initialize"), line("3102 EXIT ", "Initialize", " mutexRc=0 rc=1"),
-                                line("3103 ENTRY", "Request"), line("3106 EXIT ", "Request", ok),
-                                line("3107 ENTRY", "Release"), line("3110 EXIT ", "Release", ok),
-                                line("3111 ENTRY", "Destroy"), line("3114 EXIT ", "Destroy", ok),
-                                line("3107 ENTRY", "Release"), line("3108 *EXC*", "Release", no),
-                                line("3110 EXIT ", "Release", " mutexRc=0 rc=-1")}));
+  EXPECT_EQ(
+      sinceMark(),
+      (Lines{line("3100 ENTRY", "Initialize"), line("3102 EXIT ", "Initialize", ok), line("3100 ENTRY", "Initialize"),
+             line("3102 EXIT ", "Initialize", " mutexRc=0 rc=1"), line("3103 ENTRY", "Request"),
+             line("3106 EXIT ", "Request", ok), line("3107 ENTRY", "Release"), line("3110 EXIT ", "Release", ok),
+             line("3111 ENTRY", "Destroy"), line("3114 EXIT ", "Destroy", ok), line("3107 ENTRY", "Release"),
+             line("3108 *EXC*", "Release", no), line("3110 EXIT ", "Release", " mutexRc=0 rc=-1")}));
   // A destroyed record may be set up anew; a good cycle writes nothing below level 5.
   level(4);
   for (int rc : {clapiInitializeLock(&lock), clapiRequestLock(&lock), clapiReleaseLock(&lock), clapiDestroyLock(&lock)})
@@ -356,8 +421,8 @@ TEST_F(GuardedAllocTest, BlocksAreGuardedAndDamageIsReportedWithTheEndItHit) {
     std::vector<int> damaged;  // offsets from the data
     uint32_t lengthWord;       // written over the length, if not 0
     const char *end;
-  } cases[] = {{10, {10}, 0, "Suffix"}, {10, {-1}, 0, "Prefix"}, {0, {-4, 3}, 0, "Prefix"},
-               {16, {}, 0x7FFFFFF0u, "Suffix"}, {16, {}, 15, "Suffix"}, {100000, {}, kPast, "Suffix"}};
+  } cases[] = {{10, {10}, 0, "Suffix"},         {10, {-1}, 0, "Prefix"}, {0, {-4, 3}, 0, "Prefix"},
+               {16, {}, 0x7FFFFFF0u, "Suffix"}, {16, {}, 15, "Suffix"},  {100000, {}, kPast, "Suffix"}};
   for (const auto &c : cases) {
     mark();
     auto *data = static_cast<uint8_t *>(clapiMalloc(c.length, "CDAT"));

@@ -15,20 +15,24 @@ namespace {
 using namespace wire;
 
 // A container entry as the wire carries it, announcing `announced` bytes.
-Bytes entry(const std::string &name, uint8_t state, uint8_t type, uint32_t ccsid, const Bytes &data, uint32_t announced) {
+Bytes entry(const std::string &name, uint8_t state, uint8_t type, uint32_t ccsid, const Bytes &data,
+            uint32_t announced) {
   Bytes n = ascii(name);
   n.resize(16, 0);
   return cat({n, Bytes{state, 0x55, 0xAA, type}, be32(ccsid), be32(announced), data});
 }
-Bytes entry(const std::string &name, uint8_t state, uint8_t type = 1, uint32_t ccsid = 0, const std::string &data = "") {
+Bytes entry(const std::string &name, uint8_t state, uint8_t type = 1, uint32_t ccsid = 0,
+            const std::string &data = "") {
   return entry(name, state, type, ccsid, ascii(data), static_cast<uint32_t>(data.size()));
 }
 
 // A program reply carrying a return flow for a channel named `name`.
-Bytes channelReply(const std::string &name, uint32_t ccsid, uint32_t count, const Bytes &entries, std::string rc = "00000000") {
+Bytes channelReply(const std::string &name, uint32_t ccsid, uint32_t count, const Bytes &entries,
+                   std::string rc = "00000000") {
   Bytes n = ascii(name);
   n.resize(16, 0);
-  return programReply("00000077 00000000 " + rc + " 41424E44 00000000 00", {}, 0xFF, cat({n, be32(ccsid), be32(count), entries}));
+  return programReply("00000077 00000000 " + rc + " 41424E44 00000000 00", {}, 0xFF,
+                      cat({n, be32(ccsid), be32(count), entries}));
 }
 
 class ChannelFlowTest : public OverAToken {
@@ -84,17 +88,36 @@ TEST_F(ChannelFlowTest, RequestCarriesTheChannelNewestFirstEveryEntryAsAdded) {
   EXPECT_EQ(std::string(parms.eci_password, 16), kPassword);
   EXPECT_EQ(text.find(kPassword.substr(0, 8)), std::string::npos);
   // Both dumps of the block show the caller's own address.
-  EXPECT_EQ(countLines(text, 3357, "DATA", "API\\.QVA_ECI_Execute_Channel EciParms=" + ptrText(&parms) + " len=94 stopword=0{8}"), 2);
+  EXPECT_EQ(countLines(text, 3357, "DATA",
+                       "API\\.QVA_ECI_Execute_Channel EciParms=" + ptrText(&parms) + " len=94 stopword=0{8}"),
+            2);
   EXPECT_EQ(countLines(text, 3244, "ENTRY", "clapi_socketcomms\\.writeChannel\\(.*"), 1);
   EXPECT_EQ(countLines(text, 3359, "EXIT", "API\\.QVA_ECI_Execute_Channel\\(\\) rc=0 \\(QVA_OK\\)"), 1);
-  EXPECT_EQ(gateway.requests[1],
-            cat({header(1, "ECI", 95 + 24 + 4 * 28 + 9), hex("00000001 00000000 01020304 00000000 00 00000008"),
-                 ascii("SYSTEM01USER0001        "), ascii(kPassword), ascii("CHPROG  TRN1"), hex("00000000 00000000 00 00 FF"),
-                 ascii("CHANNEL"), fill(9, 0), hex("000004B8 00000004"),          // CCSID 1208, 4 containers
-                 ascii("EMPTY"), fill(11, 0), hex("01000002 000004B8 00000000"),  // the channel's CCSID
-                 ascii("DEL"), fill(13, 0), hex("01000001 00000000 00000002"), ascii("zz"), ascii("MOD"), fill(13, 0),
-                 hex("01000002 000004B8 00000003"), ascii("abc"), ascii("KEEP"), fill(12, 0),
-                 hex("01000001 00000000 00000004"), ascii("keep"), hex("0102 00 FFFFFFFF 00000000")}));
+  EXPECT_EQ(gateway.requests[1], cat({header(1, "ECI", 95 + 24 + 4 * 28 + 9),
+                                      hex("00000001 00000000 01020304 00000000 00 00000008"),
+                                      ascii("SYSTEM01USER0001        "),
+                                      ascii(kPassword),
+                                      ascii("CHPROG  TRN1"),
+                                      hex("00000000 00000000 00 00 FF"),
+                                      ascii("CHANNEL"),
+                                      fill(9, 0),
+                                      hex("000004B8 00000004"),  // CCSID 1208, 4 containers
+                                      ascii("EMPTY"),
+                                      fill(11, 0),
+                                      hex("01000002 000004B8 00000000"),  // the channel's CCSID
+                                      ascii("DEL"),
+                                      fill(13, 0),
+                                      hex("01000001 00000000 00000002"),
+                                      ascii("zz"),
+                                      ascii("MOD"),
+                                      fill(13, 0),
+                                      hex("01000002 000004B8 00000003"),
+                                      ascii("abc"),
+                                      ascii("KEEP"),
+                                      fill(12, 0),
+                                      hex("01000001 00000000 00000004"),
+                                      ascii("keep"),
+                                      hex("0102 00 FFFFFFFF 00000000")}));
   EXPECT_EQ(std::string(parms.eci_abend_code, 4), "ABND");
   EXPECT_EQ(parms.eci_luw_token, 0x77);
   // An empty channel is 24 bytes and gets the CCSID of the locale.
@@ -113,17 +136,20 @@ TEST_F(ChannelFlowTest, ReturnFlowsMergeUpToTheFirstFailingEntry) {
   // What, the entry count, the entries, the rc, the channel afterwards in list order.
   const std::tuple<const char *, uint32_t, Bytes, int, std::string> cases[] = {
       {"every state", 4,
-       cat({entry("NEW", 1, 2, 37, "new"), entry("DEL", 2), entry("MOD", 3, 1, 500, "ABCDEF"), entry("KEEP", 4)}), merged,
-       "NEW:2:37:new MOD:1:500:ABCDEF KEEP:1:0:keep "},
-      {"the same length", 2, cat({entry("MOD", 3, 2, 1208, "XYZ"), entry("DEL", 2)}), merged, "MOD:2:1208:XYZ KEEP:1:0:keep "},
+       cat({entry("NEW", 1, 2, 37, "new"), entry("DEL", 2), entry("MOD", 3, 1, 500, "ABCDEF"), entry("KEEP", 4)}),
+       merged, "NEW:2:37:new MOD:1:500:ABCDEF KEEP:1:0:keep "},
+      {"the same length", 2, cat({entry("MOD", 3, 2, 1208, "XYZ"), entry("DEL", 2)}), merged,
+       "MOD:2:1208:XYZ KEEP:1:0:keep "},
       {"an empty addition", 1, entry("NONE", 1), merged, "NONE:1:0: " + start},
       {"a second container of a name", 1, entry("KEEP", 1, 1, 0, "two"), merged, "KEEP:1:0:two " + start},
-      {"an unknown state is passed over", 2, cat({entry("DEL", 9), entry("ADD", 1, 1, 0, "a")}), merged, "ADD:1:0:a " + start},
+      {"an unknown state is passed over", 2, cat({entry("DEL", 9), entry("ADD", 1, 1, 0, "a")}), merged,
+       "ADD:1:0:a " + start},
       {"deleting a container the channel lacks", 3,
        cat({entry("A1", 1, 1, 0, "1"), entry("NOPE", 2), entry("A2", 1, 1, 0, "2")}), failed, "A1:1:0:1 " + start},
-      {"modifying a container the channel lacks", 2, cat({entry("NOPE", 3, 1, 0, "x"), entry("DEL", 2)}), failed, start},
-      {"an entry longer than the reply", 2, cat({entry("DEL", 2), entry("MOD", 3, 2, 1208, ascii("XYZ"), 1000)}), failed,
-       "MOD:2:1208:abc KEEP:1:0:keep "},
+      {"modifying a container the channel lacks", 2, cat({entry("NOPE", 3, 1, 0, "x"), entry("DEL", 2)}), failed,
+       start},
+      {"an entry longer than the reply", 2, cat({entry("DEL", 2), entry("MOD", 3, 2, 1208, ascii("XYZ"), 1000)}),
+       failed, "MOD:2:1208:abc KEEP:1:0:keep "},
       {"an addition longer than the reply", 1, entry("BIG", 1, 1, 0, ascii("tiny"), 0x7FFFFFFF), failed, start},
       {"a lie with more of the reply still in the socket", 1, entry("MOD", 3, 2, 1208, fill(3000, 'x'), 5000), failed,
        start},
@@ -143,7 +169,9 @@ TEST_F(ChannelFlowTest, ReturnFlowsMergeUpToTheFirstFailingEntry) {
     ASSERT_EQ(ECI_getChannelName(channel, name), ECI_NO_ERROR);
     EXPECT_EQ(std::make_tuple(std::string(name), channel->ccsid), std::make_tuple("RENAMED_CHANNEL!", 273));
     const Container *mod = findContainer(channel, "MOD");
-    if (mod->dataLength == 3) { EXPECT_EQ(mod->dataPtr, modData); }
+    if (mod->dataLength == 3) {
+      EXPECT_EQ(mod->dataPtr, modData);
+    }
     ASSERT_EQ(ECI_getNextContainer(channel, &info), ECI_NO_ERROR);
     EXPECT_STREQ(info.name, "MOD") << "the walk's cursor left any deleted container";
     // The connection is still in step for the next call.
@@ -157,7 +185,8 @@ TEST_F(ChannelFlowTest, ReturnFlowsMergeUpToTheFirstFailingEntry) {
 // sent: the client pays for the bytes that came, not for the gigabyte.
 TEST_F(ChannelFlowTest, AnAnnouncedGigabyteThatNeverComesIsNotTouched) {
   const Bytes head = channelReply("CHANNEL", 1208, 1, entry("MOD", 3, 2, 1208, pattern(2000), 1u << 30));
-  const Bytes reply = cat({header(1, "ECI", uint32_t(head.size() - 32 + (1u << 30) - 2000)), slice(head, 32, head.size() - 32)});
+  const Bytes reply =
+      cat({header(1, "ECI", uint32_t(head.size() - 32 + (1u << 30) - 2000)), slice(head, 32, head.size() - 32)});
   gateway.run([&](FakeGateway &g) { g.expect(32 + 95 + 24 + 28 * 3 + 9), g.send(reply), g.hangUp(); });
   rusage before{}, after{};
   getrusage(RUSAGE_SELF, &before);

@@ -64,8 +64,11 @@ TEST_F(ConnectTest, ConnTimeoutIsHonouredOnlyWithTheReplyDeadline) {
       EXPECT_LT(elapsed, 3s);
     }
     const std::string &text = trace.text();
-    EXPECT_EQ(countLines(text, 2009, "*EXC*", R"(clapi_gwycon\.waitForConnection socket \d+ connect timed out)"), timeouts);
-    EXPECT_EQ(countLines(text, 2011, "*EXC*", R"(clapi_gwycon\.clapiConnectToGatewayUnable to connect to Gateway: )" + error), 1);
+    EXPECT_EQ(countLines(text, 2009, "*EXC*", R"(clapi_gwycon\.waitForConnection socket \d+ connect timed out)"),
+              timeouts);
+    EXPECT_EQ(
+        countLines(text, 2011, "*EXC*", R"(clapi_gwycon\.clapiConnectToGatewayUnable to connect to Gateway: )" + error),
+        1);
   }
 }
 

@@ -66,20 +66,22 @@ TEST_F(EciTest, RequestsCarryEveryFieldAtItsOffsetByCallType) {
   const std::tuple<int32_t, int32_t, std::function<void(GatewayRequest &)>, Bytes, Bytes, Bytes> cases[] = {
       // Extend modes 2 and 4 send and read no COMMAREA, and clear none.
       {100, 1, [](GatewayRequest &r) { r.extendMode = 2; },
-       cat({programCallFront("00000002"), hex("00000064 00 00 00"), kTrailer}), programReply(kReply + "00000064 00", {}),
-       fill(100, kStale)},
+       cat({programCallFront("00000002"), hex("00000064 00 00 00"), kTrailer}),
+       programReply(kReply + "00000064 00", {}), fill(100, kStale)},
       {100, 1, [](GatewayRequest &r) { r.extendMode = 4; },
-       cat({programCallFront("00000004"), hex("00000064 00 00 00"), kTrailer}), programReply(kReply + "00000064 00", {}),
-       fill(100, kStale)},
+       cat({programCallFront("00000004"), hex("00000064 00 00 00"), kTrailer}),
+       programReply(kReply + "00000064 00", {}), fill(100, kStale)},
       {4, 1, [&](GatewayRequest &r) { r.extraDataLength = 3, r.extraData = extra; },
        cat({slice(programCallFront("00000000"), 0, 73), hex("00000003 E1E2E3 00000004 00 00 5A5A5A5A 00"), kTrailer}),
        programReply(kReply + "00000004 00", hex("01020304")), hex("01020304")},
-      {0, 9,
+      {0,
+       9,
        [&](GatewayRequest &r) {
          r.extensionMarker = 0, r.extension1Length = 2, r.extension1 = one, r.extension2Length = 3, r.extension2 = two;
        },
        hex("00000009 00000000 0102 7E 00000000 00000002 4142 00000003 58595A 31323334"),
-       message(1, "ECI", hex("00000009 00000000 00000000 00000000")), {}},
+       message(1, "ECI", hex("00000009 00000000 00000000 00000000")),
+       {}},
       {0, 7, nullptr, cat({hex("00000007"), kTrailer}), message(1, "ECI", hex("00000007")), {}},  // unknown: a trailer
   };
   for (const auto &[commarea, callType, change, body, reply, after] : cases) {
@@ -97,10 +99,16 @@ TEST_F(EciTest, RequestsCarryEveryFieldAtItsOffsetByCallType) {
     EXPECT_EQ(unguarded(call.area), after);
     EXPECT_TRUE(guardIntact(call.area));
     EXPECT_EQ(pendingBytes(token->socket), 0);
-    EXPECT_EQ(countLines(text, 3214, "EXIT", R"(clapi_socketcomms\.clapiFlowECIRequest\(socketDesc=)" + std::to_string(token->socket) +
-                                             R"(, \*request=0x[0-9a-f]+, \*reasons=0x[0-9a-f]+\) rc=0)"), 1) << text;
-    EXPECT_EQ(countLines(text, 3214, "EXIT", R"(clapi_socketcomms\.calculateECIRequestSize\(\*request=0x[0-9a-f]+\) )"
-                                             "requestSize=" + std::to_string(size)), 1);
+    EXPECT_EQ(countLines(text, 3214, "EXIT",
+                         R"(clapi_socketcomms\.clapiFlowECIRequest\(socketDesc=)" + std::to_string(token->socket) +
+                             R"(, \*request=0x[0-9a-f]+, \*reasons=0x[0-9a-f]+\) rc=0)"),
+              1)
+        << text;
+    EXPECT_EQ(countLines(text, 3214, "EXIT",
+                         R"(clapi_socketcomms\.calculateECIRequestSize\(\*request=0x[0-9a-f]+\) )"
+                         "requestSize=" +
+                             std::to_string(size)),
+              1);
   }
 }
 
@@ -111,18 +119,28 @@ TEST_F(EciTest, RepliesFillWhatTheCallerHoldsOrFailTheCall) {
   // What, the COMMAREA's length, the reply (none: the Gateway has gone before the request), the rc; when the
   // connection stays in step, the COMMAREA afterwards and the exception line.
   const std::tuple<const char *, int32_t, Bytes, int, Bytes, std::string> cases[] = {
-      {"an unknown call type", 100, message(1, "ECI", cat({hex("00000005"), pattern(2000)})), QVA_OK, fill(100, kStale), ""},
+      {"an unknown call type", 100, message(1, "ECI", cat({hex("00000005"), pattern(2000)})), QVA_OK, fill(100, kStale),
+       ""},
       {"a COMMAREA longer than the caller's", 100, programReply(kReply + "00000BB8 00", pattern(3000, 4)),
        QVA_ERR_INVALID_DATA_LENGTH, pattern(100, 4), "3226 Gateway returned 3000" + dropped},
       {"a reply length beyond the COMMAREA", 100, programReply(kReply + "00000064 FF 00 00000096", pattern(150, 8)),
        QVA_ERR_INVALID_DATA_LENGTH, pattern(100, 8), "3226 Gateway returned 150" + dropped},
       {"a channel after the COMMAREA", 4, programReply(kReply + "00000004 00", hex("01020304"), 0xFF, pattern(1500, 6)),
        QVA_ERR_SYSTEM_ERROR, hex("01020304"), "3228 Gateway returned a channel for a COMMAREA request; .*"},
-      {"a negative reply length", 100, programReply(kReply + "00000064 FF 00 FFFFFFFB", {}), QVA_ERR_SYSTEM_ERROR, {}, ""},
+      {"a negative reply length",
+       100,
+       programReply(kReply + "00000064 FF 00 FFFFFFFB", {}),
+       QVA_ERR_SYSTEM_ERROR,
+       {},
+       ""},
       {"a longer name", 100, message(1, "ECIX", hex("00000007")), QVA_ERR_SYSTEM_ERROR, {}, ""},
       // The first fill takes 1024 bytes; the close comes while the rest is dropped.
-      {"closed in the bytes dropped", 100, slice(message(1, "ECI", cat({hex("00000005"), pattern(2000)})), 0, 32 + 1200),
-       QVA_ERR_LOSTGWCON, {}, ""},
+      {"closed in the bytes dropped",
+       100,
+       slice(message(1, "ECI", cat({hex("00000005"), pattern(2000)})), 0, 32 + 1200),
+       QVA_ERR_LOSTGWCON,
+       {},
+       ""},
       {"gone", 100, {}, QVA_ERR_LOSTGWCON, {}, ""},
   };
   for (const auto &[what, commarea, reply, rc, kept, line] : cases) {
@@ -133,7 +151,9 @@ TEST_F(EciTest, RepliesFillWhatTheCallerHoldsOrFailTheCall) {
       if (!reply.empty()) g.expect(size), g.send(reply);
       if (!inStep) g.hangUp();
     });
-    if (reply.empty()) { ASSERT_EQ(peer.finish(), ""); }
+    if (reply.empty()) {
+      ASSERT_EQ(peer.finish(), "");
+    }
     EciRequest call(commarea);
     call.req.replyRc = 77, call.req.systemCount = 3;
     TraceCapture trace(1);
@@ -147,11 +167,14 @@ TEST_F(EciTest, RepliesFillWhatTheCallerHoldsOrFailTheCall) {
       EXPECT_EQ(peer.finish(), "");
       continue;
     }
-    EXPECT_EQ(std::make_tuple(call.req.callType, call.req.luwToken, call.req.spareInt, call.req.replyRc, call.req.systemCount),
-              unknown ? std::make_tuple(5, 0x01020304, 0x0A0B0C0D, 77, 3) : std::make_tuple(1, 0x11111111, 0x22222222, 0, 3));
+    EXPECT_EQ(
+        std::make_tuple(call.req.callType, call.req.luwToken, call.req.spareInt, call.req.replyRc,
+                        call.req.systemCount),
+        unknown ? std::make_tuple(5, 0x01020304, 0x0A0B0C0D, 77, 3) : std::make_tuple(1, 0x11111111, 0x22222222, 0, 3));
     EXPECT_EQ(traceLines(text).size(), line.empty() ? 0u : 1u) << text;
     if (!line.empty()) {
-      EXPECT_EQ(countLines(text, std::stoi(line), "*EXC*", "clapi_socketcomms\\.clapiFlowECIRequest " + line.substr(5)), 1);
+      EXPECT_EQ(countLines(text, std::stoi(line), "*EXC*", "clapi_socketcomms\\.clapiFlowECIRequest " + line.substr(5)),
+                1);
     }
     expectNextCallWorks(peer, p.client);
   }
@@ -163,24 +186,28 @@ TEST_F(EciTest, ExecuteMapsTheParameterBlockToTheRequestAndTheReplyBack) {
   const Bytes ok = programReply("01020304 00000000 00000000 20202020 00000064 00", pattern(100));
   // The TPN, the send and receive lengths; the body length, lengths part and COMMAREA bytes sent; the reply, and
   // the rc, luw token, abend code and COMMAREA after. A TPN of four blanks makes the call type 12, the TPN the transid.
-  const std::tuple<const char *, short, short, uint32_t, const char *, size_t, Bytes, int, int, const char *, Bytes> cases[] = {
-      {"", 0, 0, 195, "00 00", 100, ok, QVA_OK, 0x01020304, "    ", pattern(100)},
-      {"    ", 0, 0, 195, "00 00", 100, ok, QVA_OK, 0x01020304, "    ", pattern(100)},
-      // Above the COMMAREA length they are cut to it; zero or negative sends none.
-      {"", 200, 300, 203, "FF 00000064 FF 00000064", 100, ok, QVA_OK, 0x01020304, "    ", pattern(100)},
-      {"", 30, -5, 129, "FF 0000001E 00", 30, ok, QVA_OK, 0x01020304, "    ", pattern(100)},
-      {"", 0, 0, 195, "00 00", 100, programReply("0BADF00D 00000000 FFFFFFF9 41535241 00000064 FF 00 0000000A", pattern(10, 9)),
-       ECI_ERR_TRANSACTION_ABEND, 0x0BADF00D, "ASRA", cat({pattern(10, 9), fill(90, 0)})},
-      // A reply bounded to the caller's COMMAREA, or with a channel it should not carry, still hands back the
-      // unit's token and the abend code: the unit can be committed or backed out.
-      {"", 0, 0, 195, "00 00", 100, programReply("0BADF00D 00000000 00000000 41424344 000000C8 00", pattern(200, 9)),
-       QVA_ERR_INVALID_DATA_LENGTH, 0x0BADF00D, "ABCD", pattern(100, 9)},
-      {"", 0, 0, 195, "00 00", 100, programReply("0BADF00D 00000000 00000000 41424344 00000064 00", pattern(100, 9), 0xFF, pattern(300)),
-       QVA_ERR_SYSTEM_ERROR, 0x0BADF00D, "ABCD", pattern(100, 9)},
-      // A body longer than the buffer: what one fill does not take is dropped too.
-      {"", 0, 0, 195, "00 00", 100, message(6, "ECI", pattern(2000)), QVA_ERR_GATEWAY_EXCEPTION, 0x01020304, "zzzz",
-       pattern(100, 40)},
-  };
+  const std::tuple<const char *, short, short, uint32_t, const char *, size_t, Bytes, int, int, const char *, Bytes>
+      cases[] = {
+          {"", 0, 0, 195, "00 00", 100, ok, QVA_OK, 0x01020304, "    ", pattern(100)},
+          {"    ", 0, 0, 195, "00 00", 100, ok, QVA_OK, 0x01020304, "    ", pattern(100)},
+          // Above the COMMAREA length they are cut to it; zero or negative sends none.
+          {"", 200, 300, 203, "FF 00000064 FF 00000064", 100, ok, QVA_OK, 0x01020304, "    ", pattern(100)},
+          {"", 30, -5, 129, "FF 0000001E 00", 30, ok, QVA_OK, 0x01020304, "    ", pattern(100)},
+          {"", 0, 0, 195, "00 00", 100,
+           programReply("0BADF00D 00000000 FFFFFFF9 41535241 00000064 FF 00 0000000A", pattern(10, 9)),
+           ECI_ERR_TRANSACTION_ABEND, 0x0BADF00D, "ASRA", cat({pattern(10, 9), fill(90, 0)})},
+          // A reply bounded to the caller's COMMAREA, or with a channel it should not carry, still hands back the
+          // unit's token and the abend code: the unit can be committed or backed out.
+          {"", 0, 0, 195, "00 00", 100,
+           programReply("0BADF00D 00000000 00000000 41424344 000000C8 00", pattern(200, 9)),
+           QVA_ERR_INVALID_DATA_LENGTH, 0x0BADF00D, "ABCD", pattern(100, 9)},
+          {"", 0, 0, 195, "00 00", 100,
+           programReply("0BADF00D 00000000 00000000 41424344 00000064 00", pattern(100, 9), 0xFF, pattern(300)),
+           QVA_ERR_SYSTEM_ERROR, 0x0BADF00D, "ABCD", pattern(100, 9)},
+          // A body longer than the buffer: what one fill does not take is dropped too.
+          {"", 0, 0, 195, "00 00", 100, message(6, "ECI", pattern(2000)), QVA_ERR_GATEWAY_EXCEPTION, 0x01020304, "zzzz",
+           pattern(100, 40)},
+      };
   for (const auto &[tpn, send, receive, body, lengths, sent, reply, rc, luw, abend, kept] : cases) {
     SCOPED_TRACE(lengths);
     const bool blankTpn = *tpn != 0;
@@ -195,15 +222,18 @@ TEST_F(EciTest, ExecuteMapsTheParameterBlockToTheRequestAndTheReplyBack) {
     const std::string text = trace.text();
     ASSERT_EQ(gateway.finish(), "");
     const Bytes request = gateway.requests.back();
-    EXPECT_EQ(request, cat({header(1, "ECI", body), hex(blankTpn ? "0000000C" : "00000001"),
-                            hex("00000000 01020304 00000000 00 00000008"), ascii("SYSTEM01USER0001        "), ascii(kPassword),
-                            ascii("PROGRAM1"), ascii(blankTpn ? tpn : "TRN1"), hex("00000000 00000064"), hex(lengths),
-                            slice(data, 0, sent), hex("00 0102 00 FFFFFFFF 00000000")}));
+    EXPECT_EQ(request,
+              cat({header(1, "ECI", body), hex(blankTpn ? "0000000C" : "00000001"),
+                   hex("00000000 01020304 00000000 00 00000008"), ascii("SYSTEM01USER0001        "), ascii(kPassword),
+                   ascii("PROGRAM1"), ascii(blankTpn ? tpn : "TRN1"), hex("00000000 00000064"), hex(lengths),
+                   slice(data, 0, sent), hex("00 0102 00 FFFFFFFF 00000000")}));
     EXPECT_EQ(std::make_tuple(parms.eci_luw_token, std::string(parms.eci_abend_code, 4)), std::make_tuple(luw, abend));
     EXPECT_EQ(unguarded(area), kept);
     EXPECT_TRUE(guardIntact(area));
-    EXPECT_EQ(countLines(text, 3225, "*EXC*", "clapi_socketcomms\\.clapiFlowECIRequest An exception occurred in the Gateway "
-                                              "daemon"), rc == QVA_ERR_GATEWAY_EXCEPTION);
+    EXPECT_EQ(countLines(text, 3225, "*EXC*",
+                         "clapi_socketcomms\\.clapiFlowECIRequest An exception occurred in the Gateway "
+                         "daemon"),
+              rc == QVA_ERR_GATEWAY_EXCEPTION);
     EXPECT_EQ(std::string(parms.eci_password, 16), kPassword);
     std::string packed = text;
     packed.erase(std::remove(packed.begin(), packed.end(), ' '), packed.end());
@@ -211,17 +241,21 @@ TEST_F(EciTest, ExecuteMapsTheParameterBlockToTheRequestAndTheReplyBack) {
     EXPECT_EQ(packed.find("53336372337450617373"), std::string::npos) << "the password in hex";
     // The block is dumped whole, as this platform lays it out, on the way in and out.
     const std::string size = std::to_string(sizeof(ECI_PARMS));
-    EXPECT_EQ(countLines(text, 3323, "DEBUG", R"(API\.QVA_ECI_Execute\(eciParmsSize=)" + size + R"(\) (Input|Output) Eci )"
-                                              "Stucture "), 2);
+    EXPECT_EQ(countLines(text, 3323, "DEBUG",
+                         R"(API\.QVA_ECI_Execute\(eciParmsSize=)" + size +
+                             R"(\) (Input|Output) Eci )"
+                             "Stucture "),
+              2);
     int parmDumps = 0, requestDumps = 0;
     for (const auto &d : dumps(text)) {
       EXPECT_FALSE(contains(d.bytes, ascii(kPassword))) << d.point << " " << d.message;
       if (d.point == 3325) {
         ++parmDumps;
-        EXPECT_TRUE(std::regex_match(d.message, std::regex(R"(API\.QVA_ECI_Execute EciParms=0x[0-9a-f]+ len=)" + size +
-                                                           " stopword=00000000")));
+        EXPECT_TRUE(std::regex_match(
+            d.message, std::regex(R"(API\.QVA_ECI_Execute EciParms=0x[0-9a-f]+ len=)" + size + " stopword=00000000")));
         EXPECT_EQ(slice(d.bytes, offsetof(ECI_PARMS, eci_password), 16), fill(16, '*'));
-        EXPECT_EQ(slice(d.bytes, offsetof(ECI_PARMS, eci_userid), 16), ascii("USER0001        ")) << "only the password";
+        EXPECT_EQ(slice(d.bytes, offsetof(ECI_PARMS, eci_userid), 16), ascii("USER0001        "))
+            << "only the password";
       } else if (d.point == 1526) {
         ++requestDumps;
         EXPECT_TRUE(std::regex_match(d.message, std::regex(R"(clapi_socketbuffer\.flushBuffer data=0x[0-9a-f]+ len=)" +
@@ -243,7 +277,9 @@ TEST_F(EciTest, TheBlockIsDumpedOnTheWayOutWhateverTheOutcome) {
   EXPECT_EQ(QVA_ECI_Execute(token, nullptr), QVA_ERR_NULLECIPOINTER);
   const std::string text = trace.text(), size = std::to_string(sizeof(ECI_PARMS));
   for (const char *way : {"Input", "Output"})
-    EXPECT_EQ(countLines(text, 3323, "DEBUG", R"(API\.QVA_ECI_Execute\(eciParmsSize=)" + size + R"(\) )" + way + " Eci Stucture "), 1);
+    EXPECT_EQ(countLines(text, 3323, "DEBUG",
+                         R"(API\.QVA_ECI_Execute\(eciParmsSize=)" + size + R"(\) )" + way + " Eci Stucture "),
+              1);
   EXPECT_EQ(countLines(text, 3325, "DATA", ".*"), 2);
 }
 
@@ -255,11 +291,14 @@ TEST_F(EciTest, ListSystemsTrimsTheNamesAndCutsTheListToTheCapacity) {
   };
   // The caller's capacity, the reply, the rc, the number of systems the Gateway reports, the caller's list after.
   const std::tuple<unsigned short, Bytes, int, unsigned short, Bytes> cases[] = {
-      {4, list(4, 0, cat({entry("A C", d, ' '), entry("", d, ' '), entry(std::string("XY\0 \0", 5), d, ' '),
-                          entry("SYSTEM01", d, ' ')})),
+      {4,
+       list(4, 0,
+            cat({entry("A C", d, ' '), entry("", d, ' '), entry(std::string("XY\0 \0", 5), d, ' '),
+                 entry("SYSTEM01", d, ' ')})),
        QVA_OK, 4, cat({entry("A C", d, 0), entry(" ", d, 0), entry("XY", d, 0), entry("SYSTEM01", d, 0)})},
       {1, list(0, uint32_t(QVA_ERR_NO_SYSTEMS), {}), QVA_ERR_NO_SYSTEMS, 0, fill(70, kStale)},
-      {2, list(4, 0, cat({entry("ONE", {}, ' '), entry("TWO", {}, ' '), entry("THREE", {}, ' '), entry("FOUR", {}, ' ')})),
+      {2,
+       list(4, 0, cat({entry("ONE", {}, ' '), entry("TWO", {}, ' '), entry("THREE", {}, ' '), entry("FOUR", {}, ' ')})),
        QVA_ERR_MORE_SYSTEMS, 4, cat({entry("ONE", {}, 0), entry("TWO", {}, 0)})},
       {1, message(6, "ECI", pattern(20)), QVA_ERR_GATEWAY_EXCEPTION, 1, fill(70, kStale)},
   };
@@ -287,7 +326,9 @@ TEST_F(EciTest, ABadHandshakeReplyFailsTheOpenWithoutACloseRequest) {
   QvaGatewayToken *failed = nullptr;
   TraceCapture trace(1);
   EXPECT_EQ(QVA_openRemoteGatewayConnection("127.0.0.1", other.port, &failed, 5), QVA_ERR_CONNECTFAILED);
-  EXPECT_EQ(countLines(trace.text(), 2014, "*EXC*", R"(clapi_gwycon\.clapiConnectToGatewayHandshake flows failed rc=-9 .*)"), 1);
+  EXPECT_EQ(
+      countLines(trace.text(), 2014, "*EXC*", R"(clapi_gwycon\.clapiConnectToGatewayHandshake flows failed rc=-9 .*)"),
+      1);
   ASSERT_EQ(peer.finish(), "");
   EXPECT_EQ(std::make_tuple(failed, peer.requests), std::make_tuple(nullptr, std::vector<Bytes>{handshakeRequest()}));
   EXPECT_TRUE(peer.unread().empty()) << "no close request";

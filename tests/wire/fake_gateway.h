@@ -87,7 +87,8 @@ class FakeGateway {
   void sendInPieces(const std::vector<Bytes> &pieces, int clientFd) {
     for (const Bytes &piece : pieces) {
       send(piece);
-      if (&piece != &pieces.back() && error_.empty()) check(waitFor([=] { return pendingBytes(clientFd) == 0; }), "unread");
+      if (&piece != &pieces.back() && error_.empty())
+        check(waitFor([=] { return pendingBytes(clientFd) == 0; }), "unread");
     }
   }
   // The client sees an orderly close.
@@ -115,7 +116,10 @@ inline bool guardIntact(const Bytes &area) {
 inline const std::string kPassword = "S3cr3tPassw0rd!!";
 
 // Fills a fixed-size field of a record, which has no terminator.
-template <size_t N> void setField(char (&field)[N], std::string_view text) { std::memcpy(field, text.data(), N); }
+template <size_t N>
+void setField(char (&field)[N], std::string_view text) {
+  std::memcpy(field, text.data(), N);
+}
 
 // A program-call reply: `fields` are the luw token, spare word, rc, abend code, COMMAREA length and lengths part.
 inline Bytes programReply(const std::string &fields, const Bytes &data, uint8_t channel = 0, const Bytes &after = {}) {
@@ -140,7 +144,8 @@ class OverAToken : public ::testing::Test {
     parms.eci_version = 3, parms.eci_call_type = ECI_SYNC, parms.eci_timeout = 0x0102, parms.eci_luw_token = 0x01020304;
     parms.eci_commarea = area.data(), parms.eci_commarea_length = 100;
     setField(parms.eci_program_name, "PROGRAM1"), setField(parms.eci_userid, "USER0001        ");
-    setField(parms.eci_password, kPassword), setField(parms.eci_transid, "TRN1"), setField(parms.eci_system_name, "SYSTEM01");
+    setField(parms.eci_password, kPassword), setField(parms.eci_transid, "TRN1"),
+        setField(parms.eci_system_name, "SYSTEM01");
   }
   void TearDown() override {
     if (token == nullptr) return;

@@ -41,8 +41,8 @@ class HeaderFlowsTest : public ::testing::Test {
     };
     // Only once the handler has run and the client sleeps again may more data come: data that arrived
     // with the signal would let the call return it instead of failing with EINTR.
-    return waitFor([&] { return asleep() && pendingBytes(clientFd) == 0; }) && pthread_kill(clientThread, SIGUSR1) == 0 &&
-           waitFor([&] { return signalsTaken > 0 && asleep(); });
+    return waitFor([&] { return asleep() && pendingBytes(clientFd) == 0; }) &&
+           pthread_kill(clientThread, SIGUSR1) == 0 && waitFor([&] { return signalsTaken > 0 && asleep(); });
   }
 
   const pthread_t clientThread = pthread_self();
@@ -62,7 +62,8 @@ TEST_F(HeaderFlowsTest, FlowsSendTheirRequestAndConsumeTheReplyWholeOrFail) {
   if (limit.rlim_max <= static_cast<rlim_t>(high)) GTEST_SKIP() << "descriptor limit too low";
   limit.rlim_cur = std::max(limit.rlim_cur, static_cast<rlim_t>(high) + 1);
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-  const std::tuple<const char *, Bytes, bool, int> cases[] = {  // what, the reply, then a hang-up, the rc
+  const std::tuple<const char *, Bytes, bool, int> cases[] = {
+      // what, the reply, then a hang-up, the rc
       {"empty", message(5, "BASE", {}), false, QVA_OK},
       {"body consumed", message(5, "BASE", pattern(22)), false, QVA_OK},
       {"body longer than the buffer", message(5, "BASE", pattern(3000, 1)), false, QVA_OK},
@@ -89,7 +90,9 @@ TEST_F(HeaderFlowsTest, FlowsSendTheirRequestAndConsumeTheReplyWholeOrFail) {
       if (!gone) g.expect(close ? 33 : 55), g.send(reply);
       if (hangUp) g.hangUp();
     });
-    if (gone) { ASSERT_EQ(peer.finish(), ""); }
+    if (gone) {
+      ASSERT_EQ(peer.finish(), "");
+    }
     const auto flow = close ? clapiFlowCloseRequest : clapiFlowHandshakeRequest;
     reasons = 12345;
     TraceCapture trace(3);
@@ -97,20 +100,26 @@ TEST_F(HeaderFlowsTest, FlowsSendTheirRequestAndConsumeTheReplyWholeOrFail) {
     const std::string text = trace.text();
     EXPECT_TRUE(gone ? reasons == EPIPE || reasons == ECONNRESET : reasons == 0) << "reasons=" << reasons;
     ASSERT_EQ(peer.finish(), "");
-    EXPECT_EQ(peer.requests, gone ? std::vector<Bytes>{} : std::vector<Bytes>{close ? closeRequest() : handshakeRequest()});
+    EXPECT_EQ(peer.requests,
+              gone ? std::vector<Bytes>{} : std::vector<Bytes>{close ? closeRequest() : handshakeRequest()});
     EXPECT_TRUE(peer.unread().empty()) << "no byte beyond the request";
-    if (rc == QVA_OK) { EXPECT_EQ(pendingBytes(p.client), 0); }
-    if (gone) { EXPECT_EQ(flow(high, nullptr), QVA_ERR_LOSTGWCON) << "reasons may be null"; }
+    if (rc == QVA_OK) {
+      EXPECT_EQ(pendingBytes(p.client), 0);
+    }
+    if (gone) {
+      EXPECT_EQ(flow(high, nullptr), QVA_ERR_LOSTGWCON) << "reasons may be null";
+    }
     if (name != "body consumed") continue;
     // The body of the reply is taken by one fill.
     std::vector<int> points;
     for (const auto &line : traceLines(text))
       if (line.point / 10 != 109) points.push_back(line.point);  // not the trace's own switching
-    EXPECT_EQ(points, (std::vector<int>{3215, 1500, 1509, 3240, 1560, 1569, 3241, 1560, 1569, 1525, 1529, 1522, 1524,
-                                        3242, 1510, 1515, 1540, 1549, 1530, 1539, 3243, 1510, 1515, 1540, 1549, 1516,
-                                        1518, 3219})) << text;
-    const std::string call =
-        R"(clapi_socketcomms\.clapiFlowHandshakeRequest\(socketDesc=)" + std::to_string(high) + R"(, \*reasons=0x[0-9a-f]+\))";
+    EXPECT_EQ(points,
+              (std::vector<int>{3215, 1500, 1509, 3240, 1560, 1569, 3241, 1560, 1569, 1525, 1529, 1522, 1524, 3242,
+                                1510, 1515, 1540, 1549, 1530, 1539, 3243, 1510, 1515, 1540, 1549, 1516, 1518, 3219}))
+        << text;
+    const std::string call = R"(clapi_socketcomms\.clapiFlowHandshakeRequest\(socketDesc=)" + std::to_string(high) +
+                             R"(, \*reasons=0x[0-9a-f]+\))";
     EXPECT_EQ(countLines(text, 3215, "ENTRY", call), 1) << text;
     EXPECT_EQ(countLines(text, 3219, "EXIT", call + " rc=0"), 1);
   }
@@ -184,8 +193,10 @@ TEST_F(HeaderFlowsTest, ABlockReadIntoTheCallersMemoryIsContinuedAfterAShortRece
   readBytes(&sb, got.data() + 4, 2996);
   EXPECT_EQ(got, message);
   EXPECT_EQ(std::make_tuple(sb.failure, sb.bytesInBuffer, sb.bytesRemaining), std::make_tuple(0, 0u, 0u));
-  EXPECT_EQ(countLines(trace.text(), 1533, "DEBUG", R"(clapi_socketbuffer\.readBytes Read 1020 bytes from buffer 0x[0-9a-f]+, )"
-                                                    "1976 bytes from socket " + std::to_string(pair.client) + ", 0 bytes remaining"),
+  EXPECT_EQ(countLines(trace.text(), 1533, "DEBUG",
+                       R"(clapi_socketbuffer\.readBytes Read 1020 bytes from buffer 0x[0-9a-f]+, )"
+                       "1976 bytes from socket " +
+                           std::to_string(pair.client) + ", 0 bytes remaining"),
             1);
   EXPECT_EQ(freeBuffer(&sb), QVA_OK);
   EXPECT_EQ(gateway.finish(), "");

@@ -47,7 +47,9 @@ TEST_F(SocketBufferTest, InitAllocatesReusesAndGrowsTheBufferAndResetsTheRecord)
     EXPECT_EQ(rc, size == 0 ? QVA_ERR_MALLOCFAIL : QVA_OK);
     EXPECT_EQ(std::make_tuple(sb.bufferSize, sb.buffer == nullptr), std::make_tuple(size, size == 0));
     const std::string text = trace.text();
-    EXPECT_EQ(countLines(text, std::stoi(line), size ? "DEBUG" : "*EXC*", std::string("clapi_socketbuffer\\.") + (line + 5)), 1)
+    EXPECT_EQ(
+        countLines(text, std::stoi(line), size ? "DEBUG" : "*EXC*", std::string("clapi_socketbuffer\\.") + (line + 5)),
+        1)
         << text;
     if (rc != QVA_OK) continue;
     EXPECT_EQ(std::memcmp(sb.eyeCatcher, "QVASCKBF", 8), 0);
@@ -70,7 +72,8 @@ TEST_F(SocketBufferTest, AValueThatWouldNotFitFlushesTheBufferedBytesFirst) {
   const std::tuple<size_t, size_t, int, std::string> cases[] = {
       {1023, 4, 1023, "1552 writeInt Insufficient space in buffer 0x[0-9a-f]+ to write 168496141"},
       {10, 1024, 10, "1561 writeBytes Insufficient space in buffer 0x[0-9a-f]+ to write 1024 bytes"},  // then held
-      {10, 1025, 1035, "1562 writeBytes Data too large for buffer 0x[0-9a-f]+, writing to socket " + std::to_string(pair.client)},
+      {10, 1025, 1035,
+       "1562 writeBytes Data too large for buffer 0x[0-9a-f]+, writing to socket " + std::to_string(pair.client)},
       {10, 1025, 1035, "1564 writeBytes Sent 1025 bytes, 0 bytes remaining"},
       {0, 1, 0, "1527 flushBuffer Sent 1 bytes, 0 bytes remaining"}};  // a send of one byte is whole
   for (const auto &[buffered, written, sentAtOnce, line] : cases) {
@@ -81,14 +84,17 @@ TEST_F(SocketBufferTest, AValueThatWouldNotFitFlushesTheBufferedBytesFirst) {
     EXPECT_EQ(flushBuffer(&sb), QVA_OK) << "an empty flush sends nothing";
     writeBytes(&sb, head.data(), static_cast<uint32_t>(buffered));
     EXPECT_EQ(pendingBytes(pair.peer), 0);
-    if (written == 4) writeInt(&sb, 0x0A0B0C0D);
-    else writeBytes(&sb, block.data(), static_cast<uint32_t>(written));
+    if (written == 4)
+      writeInt(&sb, 0x0A0B0C0D);
+    else
+      writeBytes(&sb, block.data(), static_cast<uint32_t>(written));
     EXPECT_EQ(pendingBytes(pair.peer), sentAtOnce) << line;
     EXPECT_EQ(state(), std::make_tuple(0, 0, total - sentAtOnce, total - sentAtOnce));
     ASSERT_EQ(flushBuffer(&sb), QVA_OK);
     EXPECT_EQ(sb.bytesRemaining, 0u);
     EXPECT_EQ(recvExactly(pair.peer, total), cat({head, block})) << "in order";
-    EXPECT_EQ(countLines(trace.text(), std::stoi(line), "DEBUG", "clapi_socketbuffer\\." + line.substr(5)), 1) << trace.text();
+    EXPECT_EQ(countLines(trace.text(), std::stoi(line), "DEBUG", "clapi_socketbuffer\\." + line.substr(5)), 1)
+        << trace.text();
   }
 }
 
@@ -97,7 +103,8 @@ TEST_F(SocketBufferTest, AValueThatWouldNotFitFlushesTheBufferedBytesFirst) {
 // Values at any alignment, and values that straddle the end of the first fill of 1024 bytes, completed by a
 // refill; never past the message, whose successor's first bytes stay unread.
 TEST_F(SocketBufferTest, SmallReadersDecodeBigEndianAcrossARefill) {
-  const std::pair<size_t, std::vector<std::pair<int, int32_t>>> cases[] = {  // prefix, then widths and values
+  const std::pair<size_t, std::vector<std::pair<int, int32_t>>> cases[] = {
+      // prefix, then widths and values
       {0, {{4, -2}, {2, -32767}, {1, 0x7F}, {4, 0x01020304}, {1, 0xFF}}},
       {1021, {{4, static_cast<int32_t>(0xA1B2C3D4u)}, {2, static_cast<int16_t>(0xE5F6)}, {1, 0x17}, {1, 0x28}}},
       {1023, {{2, static_cast<int16_t>(0x9ABC)}, {1, 0xDE}}}};
@@ -112,7 +119,9 @@ TEST_F(SocketBufferTest, SmallReadersDecodeBigEndianAcrossARefill) {
     Bytes head(prefix);
     readBytes(&sb, head.data(), static_cast<uint32_t>(prefix));
     EXPECT_EQ(head, pattern(prefix));
-    if (prefix > 0) { EXPECT_EQ(sb.bytesInBuffer, 1024 - prefix); }
+    if (prefix > 0) {
+      EXPECT_EQ(sb.bytesInBuffer, 1024 - prefix);
+    }
     for (const auto &[width, value] : values)
       EXPECT_EQ(width == 4 ? readInt(&sb) : width == 2 ? readShort(&sb) : readByte(&sb), value) << prefix;
     EXPECT_EQ(state(), std::make_tuple(0, 0, 0u, 0u));
@@ -173,8 +182,11 @@ TEST_F(SocketBufferTest, AFailedBufferHandsOutNothing) {
     writeInt(&sb, 2);
     EXPECT_EQ(sb.bytesInBuffer, buffered) << "no more small values";
     EXPECT_EQ(flushBuffer(&sb), QVA_ERR_LOSTGWCON);
-    EXPECT_EQ(countLines(trace.text(), std::stoi(line), "*EXC*", "clapi_socketbuffer\\." + line.substr(5)), 1) << trace.text();
-    if (failure == QVA_ERR_SYSTEM_ERROR) { EXPECT_EQ(recvExactly(p.client, 4), hex("00000002")) << "the next message"; }
+    EXPECT_EQ(countLines(trace.text(), std::stoi(line), "*EXC*", "clapi_socketbuffer\\." + line.substr(5)), 1)
+        << trace.text();
+    if (failure == QVA_ERR_SYSTEM_ERROR) {
+      EXPECT_EQ(recvExactly(p.client, 4), hex("00000002")) << "the next message";
+    }
   }
   ::close(devNull);
 }

@@ -79,40 +79,40 @@ inline constexpr int32_t kEciErrSecurityError = -27;
 // is the request's flow type, then this reason, both 32-bit big-endian.
 enum class ExceptionReason : int32_t {
   MalformedRequest = 1,  // a body that does not parse as its call type says (2 is not used)
-  UnknownFlow = 3,  // a flow type other than 1, 5 and 10
-  Injected = 4,  // Fault::ExceptionFlow
+  UnknownFlow = 3,       // a flow type other than 1, 5 and 10
+  Injected = 4,          // Fault::ExceptionFlow
 };
 
 struct ServerEntry {
-  std::string name;  // at most 8 characters are sent
+  std::string name;         // at most 8 characters are sent
   std::string description;  // at most 60 characters are sent
 };
 
 enum class Fault {
   None,
-  NeverAnswer,  // read the request whole, never reply (until dropConnections()/stop())
-  CloseBeforeAnswer,  // read the request whole, then close without replying
-  CloseMidReply,  // send the header and part of the body, then close
-  Trickle,  // send the reply a few bytes per send (1-3 bytes, tiny pauses), otherwise correct
-  MalformedHeader,  // reply whose header is wrong (bad magic, name length unlike the request's); then close
-  HugeDataLength,  // reply header announcing a body of 0x7FFFFFF0 bytes, sends a few, then close
-  ExceptionFlow,  // reply with flow type 6 (and a short body)
-  OversizeCommarea,  // ECI reply announcing and sending extraBytes more COMMAREA bytes than commareaLength
-  OversizeServerList,  // server-list reply announcing and sending more entries than the caller's capacity
+  NeverAnswer,              // read the request whole, never reply (until dropConnections()/stop())
+  CloseBeforeAnswer,        // read the request whole, then close without replying
+  CloseMidReply,            // send the header and part of the body, then close
+  Trickle,                  // send the reply a few bytes per send (1-3 bytes, tiny pauses), otherwise correct
+  MalformedHeader,          // reply whose header is wrong (bad magic, name length unlike the request's); then close
+  HugeDataLength,           // reply header announcing a body of 0x7FFFFFF0 bytes, sends a few, then close
+  ExceptionFlow,            // reply with flow type 6 (and a short body)
+  OversizeCommarea,         // ECI reply announcing and sending extraBytes more COMMAREA bytes than commareaLength
+  OversizeServerList,       // server-list reply announcing and sending more entries than the caller's capacity
   ChannelReturnOnCommarea,  // COMMAREA reply whose channel-present byte is 0xFF followed by a return flow
   // The channel modes bend the return flow of a channel call. "The first
   // entry" is the program's first one, or, in a flow without entries, an ADDED
   // CHAR container FAULT (the channel's CCSID) holding "FAULT". The message
   // header's dataLength always counts exactly the bytes sent, and the
   // connection stays open.
-  ChannelLyingLength,  // the flow holds only the first entry, ADDED or MODIFIED (an UNCHANGED or DELETED one becomes
-                       // MODIFIED with the data it came with), its length word extraBytes more than the data that end
-                       // the message
-  ChannelUnknownState,  // the first entry's state byte is 9, and no data follows it; the rest as usual
-  ChannelTruncated,  // the body ends 10 bytes into the first entry's 28-byte fixed part
+  ChannelLyingLength,    // the flow holds only the first entry, ADDED or MODIFIED (an UNCHANGED or DELETED one becomes
+                         // MODIFIED with the data it came with), its length word extraBytes more than the data that end
+                         // the message
+  ChannelUnknownState,   // the first entry's state byte is 9, and no data follows it; the rest as usual
+  ChannelTruncated,      // the body ends 10 bytes into the first entry's 28-byte fixed part
   ChannelDeleteUnknown,  // a DELETED CHAR entry NOSUCHCONT (length 0) before the program's entries
-  ChannelHugeCount,  // an entry count of 0x7FFFFFFF, and one entry: the first, UNCHANGED
-  SlowClose,  // the reply to the close request comes closeDelay late
+  ChannelHugeCount,      // an entry count of 0x7FFFFFFF, and one entry: the first, UNCHANGED
+  SlowClose,             // the reply to the close request comes closeDelay late
 };
 
 // "never-answer", "NeverAnswer" and "never_answer" all name Fault::NeverAnswer.
@@ -128,20 +128,20 @@ struct FaultPlan {
   // other channel modes only program calls with one; the rest touch any reply.
   int afterMessages = 0;
   int messages = 0;  // how many messages the fault bends from then on, counting only those it can bend; 0: every one
-  uint32_t extraBytes = 64;  // for the oversize modes and channel-lying-length
+  uint32_t extraBytes = 64;                    // for the oversize modes and channel-lying-length
   std::chrono::milliseconds closeDelay{2000};  // for slow-close
-  bool everyConnection = false;  // false: only the next connection accepted after setFault()
+  bool everyConnection = false;                // false: only the next connection accepted after setFault()
 };
 
 struct Options {
   std::vector<std::string> listenAddresses;  // empty: 127.0.0.1 and ::1 (::1 skipped quietly where IPv6 is unavailable)
-  uint16_t port = 0;  // 0: ephemeral; every address shares the one port
-  bool logMessages = false;  // one human-readable line per message received, to logStream
+  uint16_t port = 0;                         // 0: ephemeral; every address shares the one port
+  bool logMessages = false;                  // one human-readable line per message received, to logStream
   FILE* logStream = stderr;
   std::vector<ServerEntry> servers;  // empty: defaultServers(), unless useDefaultServers is false
-  bool useDefaultServers = true;  // false: an empty servers list means a Gateway without servers
-  std::string userId, password;  // empty: no security check
-  bool recordReceived = true;  // false: received() stays empty (long-running programs)
+  bool useDefaultServers = true;     // false: an empty servers list means a Gateway without servers
+  std::string userId, password;      // empty: no security check
+  bool recordReceived = true;        // false: received() stays empty (long-running programs)
 };
 
 // QVADEMO and QVATEST.
@@ -155,11 +155,11 @@ class Gateway {
   Gateway& operator=(const Gateway&) = delete;
 
   bool start(std::string* error = nullptr);  // bind + listen + accept thread; returns when ready to accept
-  void stop();  // closes everything, joins every thread; idempotent
+  void stop();                               // closes everything, joins every thread; idempotent
   uint16_t port() const;
 
   void setFault(const FaultPlan& plan);
-  size_t connectionCount() const;  // connections accepted so far
+  size_t connectionCount() const;                          // connections accepted so far
   std::vector<uint8_t> received(size_t connection) const;  // every byte connection i (0-based, accept order) has sent
   bool waitForReceived(size_t connection, size_t bytes, std::chrono::milliseconds timeout) const;
   bool waitForConnections(size_t count, std::chrono::milliseconds timeout) const;

@@ -42,7 +42,7 @@ struct Call {
   std::string system = "QVADEMO", user, password, program = "ECHO", transId;
   Bytes commarea;
   int32_t commareaLength = -1;  // -1: the size of commarea
-  int32_t send = 0, recv = 0;  // requestDataLength, replyDataLength; 0: flag byte 00
+  int32_t send = 0, recv = 0;   // requestDataLength, replyDataLength; 0: flag byte 00
   uint16_t timeout = 0;
   Bytes channelBlock;  // non-empty: channel-present byte 0xFF, then these bytes
   // Extend modes 2 (commit) and 4 (backout) carry no COMMAREA either way.
@@ -59,8 +59,7 @@ inline constexpr uint8_t kBit = 1, kChar = 2;
 
 // A container entry: name, state, two zero bytes, type, CCSID, the length
 // word, then `data` (pass none for an entry that carries no data).
-Bytes entry(std::string_view name, uint8_t state, uint8_t type, int32_t ccsid, uint32_t length,
-            const Bytes &data = {});
+Bytes entry(std::string_view name, uint8_t state, uint8_t type, int32_t ccsid, uint32_t length, const Bytes &data = {});
 // An entry followed by all of its data.
 Bytes entry(std::string_view name, uint8_t state, uint8_t type, int32_t ccsid, const Bytes &data);
 // A request's channel block or a reply's return flow: name, CCSID, the entry

@@ -85,12 +85,15 @@ inline Bytes message(uint32_t flowType, std::string_view name, const Bytes &body
 
 // The 55-byte handshake request, byte for byte: language "en", country "GB".
 inline Bytes handshakeRequest() {
-  return hex("47617465 10800000 00000005 00000000 00000000 00000004 42415345 00 00000016"
-             "0002 656E 0002 4742 0000000000000000000000000000");
+  return hex(
+      "47617465 10800000 00000005 00000000 00000000 00000004 42415345 00 00000016"
+      "0002 656E 0002 4742 0000000000000000000000000000");
 }
 
 // The 33-byte close request, byte for byte: flow type 10, qualifier -1.
-inline Bytes closeRequest() { return hex("47617465 10800000 0000000A 00000000 FFFFFFFF 00000004 42415345 00 00000000"); }
+inline Bytes closeRequest() {
+  return hex("47617465 10800000 0000000A 00000000 FFFFFFFF 00000004 42415345 00 00000000");
+}
 
 // Cuts what one connection sent into whole messages by their headers; a
 // torn tail comes back as a last, short message.

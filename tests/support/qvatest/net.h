@@ -121,7 +121,8 @@ inline Bytes recvExactly(int fd, size_t count, std::chrono::milliseconds patienc
   size_t done = 0;
   const auto deadline = std::chrono::steady_clock::now() + patience;
   while (done < count) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0 || waitReadable(fd, left) != Readable::Data) break;
     const ssize_t rc = ::recv(fd, out.data() + done, count - done, 0);
     if (rc < 0 && errno == EINTR) continue;

@@ -29,7 +29,7 @@ struct TraceLine {
   unsigned pid = 0;
   unsigned tid = 0;
   int point = 0;
-  std::string word;  // "*EXC*", "EVENT", "ENTRY", "EXIT", "DEBUG" or "DATA"
+  std::string word;     // "*EXC*", "EVENT", "ENTRY", "EXIT", "DEBUG" or "DATA"
   std::string message;  // after the prefix, without the newline
 };
 
