@@ -5,12 +5,14 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <time.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <span>
 
 #include "clapi_diag.h"
 #include "qvaclient/qva_codes.h"
@@ -132,7 +134,10 @@ int initBuffer(SocketBuffer *sockBuffer, int socketDesc, uint32_t dataLen, bool 
     sockBuffer->buffer = buffer;
     sockBuffer->bufferSize = bufferSize;
     sockBuffer->bytesRemaining = dataLen;
-    if (forWriting) sockBuffer->cursor = buffer;
+    if (forWriting) {
+      sockBuffer->cursor = buffer;
+      sockBuffer->gathering = !traceOn(kTraceEntryExit);
+    }
   }
   if (forWriting) {
     TRACE_EXIT(1509, "clapi_socketbuffer.initWriteBuffer() rc=%d\n", rc);
@@ -186,6 +191,58 @@ void take(SocketBuffer *sockBuffer, uint8_t *bytes, uint32_t width) {
   sockBuffer->bytesInBuffer -= width;
 }
 
+// Sends the buffered bytes with the held-back blocks in their places, in as
+// few sendmsg calls as the socket allows. A failure is told as the sends of
+// one piece at a time would have told it: by flushBuffer when it falls in
+// buffered bytes, by writeBytes when it falls in a block.
+int sendGathered(SocketBuffer *sockBuffer, int more) {
+  iovec parts[2 * kGatheredBlocksMax + 1];
+  bool isBlock[2 * kGatheredBlocksMax + 1];
+  size_t count = 0;
+  uint32_t from = 0;
+  auto add = [&](const uint8_t *data, size_t length, bool block) {
+    parts[count] = {const_cast<uint8_t *>(data), length};  // sendmsg only reads
+    isBlock[count++] = block;
+  };
+  for (const GatheredBlock &held : std::span(sockBuffer->gathered, sockBuffer->gatheredCount)) {
+    if (held.at > from) add(sockBuffer->buffer + from, held.at - from, false);
+    add(held.data, held.length, true);
+    from = held.at;
+  }
+  if (sockBuffer->bytesInBuffer > from) add(sockBuffer->buffer + from, sockBuffer->bytesInBuffer - from, false);
+
+  msghdr message{};
+  message.msg_iov = parts;
+  message.msg_iovlen = count;
+  while (message.msg_iovlen > 0) {
+    ssize_t sent = sendmsg(sockBuffer->socketDesc, &message, MSG_NOSIGNAL | more);
+    if (sent < 0 && errno == EINTR) continue;
+    if (sent < 1) {
+      failSocket(sockBuffer, errno);
+      if (isBlock[message.msg_iov - parts]) {
+        TRACE_EXC(1565, "clapi_socketbuffer.writeBytes Unable to send data to Gateway: errno=%d\n",
+                  sockBuffer->lastErrno);
+      } else {
+        TRACE_EXC(1528, "clapi_socketbuffer.flushBuffer Unable to send data to Gateway: errno=%d\n",
+                  sockBuffer->lastErrno);
+      }
+      return QVA_ERR_LOSTGWCON;
+    }
+    // Step past what went out, should the socket have taken only part.
+    auto left = static_cast<size_t>(sent);
+    while (message.msg_iovlen > 0 && left >= message.msg_iov->iov_len) {
+      left -= message.msg_iov->iov_len;
+      ++message.msg_iov;
+      --message.msg_iovlen;
+    }
+    if (left > 0) {
+      message.msg_iov->iov_base = static_cast<uint8_t *>(message.msg_iov->iov_base) + left;
+      message.msg_iov->iov_len -= left;
+    }
+  }
+  return QVA_OK;
+}
+
 }  // namespace
 
 int initWriteBuffer(SocketBuffer *sockBuffer, int socketDesc, uint32_t dataLen) {
@@ -230,7 +287,16 @@ void writeBytes(SocketBuffer *sockBuffer, const void *data, uint32_t dataLen) {
   TRACE_ENTRY(1560, "clapi_socketbuffer.writeBytes(sockBuffer=%p, data=%p, dataLen=%lu)\n", addr(sockBuffer), data,
               ul(dataLen));
   bool done = false;
-  if (sockBuffer->bytesInBuffer + dataLen > sockBuffer->bufferSize) {
+  if (sockBuffer->gathering && dataLen > sockBuffer->bufferSize) {
+    // Held back for the flush; a full list of blocks is sent first.
+    if (sockBuffer->gatheredCount == kGatheredBlocksMax) flushBuffer(sockBuffer);
+    if (!bufferFailed(sockBuffer)) {
+      sockBuffer->gathered[sockBuffer->gatheredCount++] = {sockBuffer->bytesInBuffer,
+                                                           static_cast<const uint8_t *>(data), dataLen};
+      sockBuffer->gatheredBytes += dataLen;
+    }
+    done = true;
+  } else if (sockBuffer->bytesInBuffer + dataLen > sockBuffer->bufferSize) {
     TRACE_DEBUG(1561, "clapi_socketbuffer.writeBytes Insufficient space in buffer %p to write %lu bytes\n",
                 addr(sockBuffer), ul(dataLen));
     // A block too large for the buffer is sent right behind these bytes.
@@ -285,7 +351,7 @@ int flushBuffer(SocketBuffer *sockBuffer) {
   int rc = QVA_OK;
   if (bufferFailed(sockBuffer)) {
     rc = QVA_ERR_LOSTGWCON;
-  } else if (sockBuffer->bytesInBuffer > 0) {
+  } else if (sockBuffer->bytesInBuffer > 0 || sockBuffer->gatheredCount > 0) {
     if (traceOn(kTraceDebug)) {
       // The secret is shown as '*' in the dump and sent as it is.
       uint8_t saved[kSocketBufferMax];
@@ -304,20 +370,25 @@ int flushBuffer(SocketBuffer *sockBuffer) {
       }
     }
     // Only the message's last bytes end the push.
-    const int more = sockBuffer->bytesRemaining > sockBuffer->bytesInBuffer ? MSG_MORE : 0;
-    ssize_t sent = sendAll(sockBuffer->socketDesc, sockBuffer->buffer, sockBuffer->bytesInBuffer, more);
-    if (sent < 1) {
+    const uint32_t flushed = sockBuffer->bytesInBuffer + sockBuffer->gatheredBytes;
+    const int more = sockBuffer->bytesRemaining > flushed ? MSG_MORE : 0;
+    if (sockBuffer->gatheredCount > 0) {
+      rc = sendGathered(sockBuffer, more);
+    } else if (sendAll(sockBuffer->socketDesc, sockBuffer->buffer, sockBuffer->bytesInBuffer, more) < 1) {
       failSocket(sockBuffer, errno);
       TRACE_EXC(1528, "clapi_socketbuffer.flushBuffer Unable to send data to Gateway: errno=%d\n",
                 sockBuffer->lastErrno);
       rc = QVA_ERR_LOSTGWCON;
-    } else {
-      sockBuffer->bytesRemaining -= sockBuffer->bytesInBuffer;
+    }
+    if (rc == QVA_OK) {
+      sockBuffer->bytesRemaining -= flushed;
       sockBuffer->cursor = sockBuffer->buffer;
       sockBuffer->bytesInBuffer = 0;
       sockBuffer->maskedData = nullptr;
       sockBuffer->maskedLength = 0;
-      TRACE_DEBUG(1527, "clapi_socketbuffer.flushBuffer Sent %d bytes, %d bytes remaining\n", static_cast<int>(sent),
+      sockBuffer->gatheredCount = 0;
+      sockBuffer->gatheredBytes = 0;
+      TRACE_DEBUG(1527, "clapi_socketbuffer.flushBuffer Sent %d bytes, %d bytes remaining\n", static_cast<int>(flushed),
                   static_cast<int>(sockBuffer->bytesRemaining));
     }
   }

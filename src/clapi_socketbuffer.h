@@ -7,6 +7,16 @@
 #include "clapi_export.h"
 
 inline constexpr uint32_t kSocketBufferMax = 1024;
+// Blocks a write buffer can hold back for one gathered send.
+inline constexpr uint32_t kGatheredBlocksMax = 8;
+
+// A block too large for the buffer, left in the caller's memory until the
+// next flush sends it in its place among the buffered bytes.
+struct GatheredBlock {
+  uint32_t at;  // bytes of the buffer that go before it
+  const uint8_t *data;
+  uint32_t length;
+};
 
 // Lives in the flow's stack frame and is zero-filled before the first
 // initialisation; only `buffer` is allocated.
@@ -29,6 +39,14 @@ struct SocketBuffer {
   // Monotonic milliseconds by which the reply must have arrived whole; 0
   // when no reply deadline is set (the default).
   int64_t replyDeadlineMs;
+  // Set for a write buffer while the trace writes none of its lines: large
+  // blocks are then held back and the flush sends the whole request in one
+  // gathered sendmsg. With its lines traced, each piece goes out as it comes,
+  // as the trace tells it.
+  bool gathering;
+  uint32_t gatheredCount;
+  uint32_t gatheredBytes;
+  GatheredBlock gathered[kGatheredBlocksMax];
 };
 
 // The opt-in reply deadline in seconds, 0 for none: read from

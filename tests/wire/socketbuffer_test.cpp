@@ -98,6 +98,51 @@ TEST_F(SocketBufferTest, AValueThatWouldNotFitFlushesTheBufferedBytesFirst) {
   }
 }
 
+// While the trace shows none of the buffer's lines (level 2 and below), blocks too large for the buffer are held
+// back and the flush sends the request whole: the peer gets the same bytes in the same order as when each piece
+// goes out on its own (level 4), a list of held blocks that is full is sent first, and a send that fails is told
+// by the step that would have made it (the flush for buffered bytes, writeBytes for a block).
+TEST_F(SocketBufferTest, UntracedWritesGoOutInOneGatheredSendWithTheSameBytes) {
+  const Bytes big = pattern(1500, 3);
+  for (int level : {0, 4}) {
+    for (size_t blocks : {size_t{1}, size_t{kGatheredBlocksMax + 2}}) {
+      SCOPED_TRACE(testing::Message() << "level " << level << ", " << blocks << " blocks");
+      Bytes want;
+      TraceCapture trace(level);
+      ASSERT_EQ(initWriteBuffer(&sb, pair.client, uint32_t(blocks * (4 + big.size()) + 2)), QVA_OK);
+      for (size_t i = 0; i < blocks; ++i) {
+        writeInt(&sb, int32_t(i));
+        writeBytes(&sb, big.data(), uint32_t(big.size()));
+        want = cat({want, hex("0000000" + std::string(1, "0123456789"[i])), big});
+        if (level == 0 && i < kGatheredBlocksMax) {
+          EXPECT_EQ(pendingBytes(pair.peer), 0) << "held back";
+        }
+      }
+      writeShort(&sb, 0x7E7F);
+      ASSERT_EQ(flushBuffer(&sb), QVA_OK);
+      EXPECT_EQ(recvExactly(pair.peer, want.size() + 2), cat({want, hex("7E7F")}));
+      EXPECT_EQ(sb.bytesRemaining, 0u);
+    }
+  }
+  for (const auto &[head, point] : {std::pair{size_t{4}, 1528}, std::pair{size_t{0}, 1565}}) {
+    for (int level : {1, 4}) {
+      SocketPair p;
+      p.closePeer();
+      TraceCapture trace(level);
+      ASSERT_EQ(initWriteBuffer(&sb, p.client, uint32_t(head + big.size())), QVA_OK);
+      if (head) writeInt(&sb, 1);
+      writeBytes(&sb, big.data(), uint32_t(big.size()));
+      EXPECT_EQ(flushBuffer(&sb), QVA_ERR_LOSTGWCON);
+      EXPECT_EQ(std::make_pair(sb.failure, sb.lastErrno), std::make_pair(QVA_ERR_LOSTGWCON, EPIPE));
+      EXPECT_EQ(
+          countLines(trace.text(), point, "*EXC*", ".* Unable to send data to Gateway: errno=" + std::to_string(EPIPE)),
+          1)
+          << level << "\n"
+          << trace.text();
+    }
+  }
+}
+
 // ---- Reading -------------------------------------------------------------------------------
 
 // Values at any alignment, and values that straddle the end of the first fill of 1024 bytes, completed by a
