@@ -1,8 +1,12 @@
 // One ECI program call round trip through the library, against the
-// in-process Gateway emulator, beside a raw-socket client that sends the
-// same bytes on its own connection: the difference is what the library
-// costs. Before anything is timed, both clients' requests are checked byte
-// for byte against the wire layout on a recording emulator.
+// in-process Gateway emulator, beside two clients that send the same bytes
+// on connections of their own: the floor client (floor_client.h: one send,
+// the reply received whole into one buffer, nothing parsed) measures what
+// the wire itself costs, and the raw client (raw_eci_client.h: the reply
+// read by its header and the COMMAREA copied back) is the earlier yardstick.
+// Before anything is timed, every client's requests are checked byte for
+// byte against the wire layout on a recording emulator, and the counters of
+// allocations and system calls are checked to count.
 
 #include <benchmark/benchmark.h>
 
@@ -10,8 +14,6 @@
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <string>
@@ -19,16 +21,17 @@
 
 #include "alloc_counter.h"
 #include "bench_util.h"
+#include "eci_report.h"
+#include "eci_workload.h"
+#include "floor_client.h"
 #include "qvaclient/qvaclient.h"
 #include "qvaemu/gateway.h"
 #include "raw_eci_client.h"
+#include "syscall_counter.h"
 
 namespace {
 
-using bench::Bytes;
-using namespace std::chrono_literals;
-
-constexpr int kSizes[] = {100, 4096, 32767};
+using bench::EciWorkload;
 
 // Heap allocations one successful QVA_ECI_Execute makes with the trace off:
 // the socket buffer (one for the whole flow, reused by the reply) and the
@@ -36,95 +39,13 @@ constexpr int kSizes[] = {100, 4096, 32767};
 // dump, allocated whatever the trace level.
 constexpr uint64_t kExpectedAllocsPerCall = 2;
 
-constexpr int kAllocationCalls = 1000;
+// Calls whose allocations or system calls are counted.
+constexpr int kCountedCalls = 1000;
 
 // Defaults for a full run on two cores in well under two minutes; a flag on
 // the command line wins.
 const char *const kDefaultFlags[] = {"--benchmark_repetitions=10", "--benchmark_min_time=0.2",
                                      "--benchmark_enable_random_interleaving=true"};
-
-Bytes payload(int size) {
-  Bytes data(static_cast<size_t>(size));
-  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>('A' + i % 26);
-  return data;
-}
-
-// What one size needs on each side: the library's parameter block and
-// COMMAREA, the raw client's request template and COMMAREA.
-struct Workload {
-  explicit Workload(int size) : data(payload(size)), libCommarea(data), rawCommarea(data) {
-    qvaraw::Call call = bench::programCall("ECHO");
-    bench::setParms(parms, call);
-    parms.eci_commarea = libCommarea.data();
-    parms.eci_commarea_length = static_cast<short>(size);
-    call.commarea = data;
-    request = qvaraw::request(call);
-  }
-
-  Bytes data;
-  Bytes libCommarea;
-  Bytes rawCommarea;
-  ECI_PARMS parms;
-  Bytes request;
-};
-
-// ---- Checking the wire before timing it --------------------------------------
-
-// Runs every size once through each client against a recording emulator:
-// both must send exactly the bytes the wire layout gives, and both must get
-// the COMMAREA echoed back.
-bool checkWire() {
-  qvaemu::Options options;
-  options.recordReceived = true;
-  qvaemu::Gateway gateway(options);
-  std::string error;
-  if (!gateway.start(&error)) {
-    std::fprintf(stderr, "bench_eci: recording emulator: %s\n", error.c_str());
-    return false;
-  }
-
-  Bytes want = qvaraw::handshakeRequest();
-  for (int size : kSizes) {
-    Workload w(size);
-    want.insert(want.end(), w.request.begin(), w.request.end());
-  }
-
-  bool ok = true;
-  QvaGatewayToken *gw = nullptr;
-  int rc = QVA_openRemoteGatewayConnection("127.0.0.1", gateway.port(), &gw, 10);
-  if (rc != QVA_OK) {
-    std::fprintf(stderr, "bench_eci: library connection to the recording emulator: rc=%d\n", rc);
-    return false;
-  }
-  for (int size : kSizes) {
-    Workload w(size);
-    rc = QVA_ECI_Execute(gw, &w.parms);
-    if (rc != QVA_OK || w.libCommarea != w.data) {
-      std::fprintf(stderr, "bench_eci: library call of %d bytes: rc=%d, COMMAREA %s\n", size, rc,
-                   w.libCommarea == w.data ? "echoed" : "not echoed");
-      ok = false;
-    }
-  }
-  ok = bench::checkReceived("bench_eci", gateway, 0, "the library", want, 10s) && ok;
-  QVA_closeGatewayConnection(&gw);
-
-  bench::RawClient raw;
-  if (!raw.open(gateway.port(), &error)) {
-    std::fprintf(stderr, "bench_eci: raw connection to the recording emulator: %s\n", error.c_str());
-    return false;
-  }
-  for (int size : kSizes) {
-    Workload w(size);
-    const int32_t replyRc = raw.call(w.request, w.rawCommarea.data(), w.rawCommarea.size());
-    if (replyRc != 0 || w.rawCommarea != w.data) {
-      std::fprintf(stderr, "bench_eci: raw call of %d bytes: rc=%d, COMMAREA %s\n", size, replyRc,
-                   w.rawCommarea == w.data ? "echoed" : "not echoed");
-      ok = false;
-    }
-  }
-  ok = bench::checkReceived("bench_eci", gateway, 1, "the raw client", want, 10s) && ok;
-  return ok;
-}
 
 // ---- The benchmarked connections ---------------------------------------------
 
@@ -132,19 +53,17 @@ struct Connections {
   std::unique_ptr<qvaemu::Gateway> gateway;
   QvaGatewayToken *gw = nullptr;  // opened by the thread that runs the benchmarks
   bench::RawClient raw;
-  std::map<int, std::unique_ptr<Workload>> workloads;
+  bench::FloorClient floor;
+  bench::EciWorkloads *workloads = nullptr;
 
-  Workload &workload(int size) {
-    auto &w = workloads[size];
-    if (!w) w = std::make_unique<Workload>(size);
-    return *w;
-  }
+  EciWorkload &workload(int64_t size) { return *workloads->at(static_cast<int>(size)); }
 };
 
 Connections *connections = nullptr;
 
-bool openConnections() {
+bool openConnections(bench::EciWorkloads &workloads) {
   auto c = std::make_unique<Connections>();
+  c->workloads = &workloads;
   qvaemu::Options options;
   options.recordReceived = false;
   c->gateway = std::make_unique<qvaemu::Gateway>(options);
@@ -162,6 +81,15 @@ bool openConnections() {
     std::fprintf(stderr, "bench_eci: raw connection: %s\n", error.c_str());
     return false;
   }
+  if (!c->floor.open(c->gateway->port(), &error)) {
+    std::fprintf(stderr, "bench_eci: floor connection: %s\n", error.c_str());
+    return false;
+  }
+  // The floor client receives every reply into one buffer, ready before the
+  // first timed call.
+  size_t largestReply = 0;
+  for (const auto &[size, w] : workloads) largestReply = std::max(largestReply, w->replySize);
+  c->floor.reserve(largestReply);
   connections = c.release();
   return true;
 }
@@ -170,12 +98,16 @@ void closeConnections() {
   if (connections == nullptr) return;
   QVA_closeGatewayConnection(&connections->gw);
   connections->raw.close();
+  connections->floor.close();
   connections->gateway->stop();
   delete connections;
   connections = nullptr;
 }
 
-bool libraryCall(benchmark::State &state, Workload &w) {
+// One call by each client; false, with the benchmark stopped, on a failure.
+using Client = bool (*)(benchmark::State &, EciWorkload &);
+
+bool libraryCall(benchmark::State &state, EciWorkload &w) {
   const int rc = QVA_ECI_Execute(connections->gw, &w.parms);
   if (rc != QVA_OK) {
     state.SkipWithError(("QVA_ECI_Execute rc=" + std::to_string(rc)).c_str());
@@ -184,7 +116,7 @@ bool libraryCall(benchmark::State &state, Workload &w) {
   return true;
 }
 
-bool rawCall(benchmark::State &state, Workload &w) {
+bool rawCall(benchmark::State &state, EciWorkload &w) {
   const int32_t rc = connections->raw.call(w.request, w.rawCommarea.data(), w.rawCommarea.size());
   if (rc != 0) {
     state.SkipWithError(("raw call rc=" + std::to_string(rc)).c_str());
@@ -193,58 +125,67 @@ bool rawCall(benchmark::State &state, Workload &w) {
   return true;
 }
 
-void setBytes(benchmark::State &state, int size) {
+// Only the reply's size is looked at: the start-up check has parsed it.
+bool floorCall(benchmark::State &state, EciWorkload &w) {
+  const int64_t size = connections->floor.call(w.request);
+  if (size != static_cast<int64_t>(w.replySize)) {
+    state.SkipWithError(("floor call returned " + std::to_string(size)).c_str());
+    return false;
+  }
+  return true;
+}
+
+void setBytes(benchmark::State &state, int64_t size) {
   // Both directions carry the COMMAREA.
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * 2 * size);
+  state.SetBytesProcessed(state.iterations() * 2 * size);
 }
 
 // ---- Benchmarks ----------------------------------------------------------------
 
-void BM_Library(benchmark::State &state) {
-  const int size = static_cast<int>(state.range(0));
-  Workload &w = connections->workload(size);
+template <Client client>
+void timed(benchmark::State &state) {
+  EciWorkload &w = connections->workload(state.range(0));
   for (auto _ : state) {
-    if (!libraryCall(state, w)) break;
+    if (!client(state, w)) break;
   }
-  setBytes(state, size);
+  setBytes(state, state.range(0));
 }
 
-void BM_Raw(benchmark::State &state) {
-  const int size = static_cast<int>(state.range(0));
-  Workload &w = connections->workload(size);
-  for (auto _ : state) {
-    if (!rawCall(state, w)) break;
-  }
-  setBytes(state, size);
-}
+void BM_Library(benchmark::State &state) { timed<libraryCall>(state); }
+void BM_Raw(benchmark::State &state) { timed<rawCall>(state); }
+void BM_Floor(benchmark::State &state) { timed<floorCall>(state); }
 
-// Both clients in turns, each call timed on its own: slow drifts of the
-// machine hit both alike, so their ratio is steadier than that of two
-// separate runs. The order alternates so that neither always goes first.
-void BM_Paired(benchmark::State &state) {
-  const int size = static_cast<int>(state.range(0));
-  Workload &w = connections->workload(size);
-  std::vector<double> lib, raw;
+// The library and another client in turns, each call timed on its own: slow
+// drifts of the machine hit both alike, so their ratio is steadier than that
+// of two separate runs. The order alternates so that neither always goes
+// first. Counters lib_us and `otherName`_us, the medians, and ratio.
+template <Client other>
+void paired(benchmark::State &state, const char *otherName) {
+  EciWorkload &w = connections->workload(state.range(0));
+  std::vector<double> lib, them;
   lib.reserve(static_cast<size_t>(state.max_iterations));
-  raw.reserve(static_cast<size_t>(state.max_iterations));
+  them.reserve(static_cast<size_t>(state.max_iterations));
   using Clock = std::chrono::steady_clock;
   bool libraryFirst = true;
   for (auto _ : state) {
     for (int turn = 0; turn < 2; ++turn) {
       const bool library = (turn == 0) == libraryFirst;
       const auto start = Clock::now();
-      if (!(library ? libraryCall(state, w) : rawCall(state, w))) return;
+      if (!(library ? libraryCall(state, w) : other(state, w))) return;
       const std::chrono::duration<double, std::micro> took = Clock::now() - start;
-      (library ? lib : raw).push_back(took.count());
+      (library ? lib : them).push_back(took.count());
     }
     libraryFirst = !libraryFirst;
   }
   const double libMedian = bench::median(lib);
-  const double rawMedian = bench::median(raw);
+  const double theirMedian = bench::median(them);
   state.counters["lib_us"] = libMedian;
-  state.counters["raw_us"] = rawMedian;
-  state.counters["ratio"] = rawMedian > 0 ? libMedian / rawMedian : 0;
+  state.counters[std::string(otherName) + "_us"] = theirMedian;
+  state.counters["ratio"] = theirMedian > 0 ? libMedian / theirMedian : 0;
 }
+
+void BM_Paired(benchmark::State &state) { paired<rawCall>(state, "raw"); }
+void BM_PairedFloor(benchmark::State &state) { paired<floorCall>(state, "floor"); }
 
 // The heap allocations of the calling thread inside QVA_ECI_Execute; the
 // emulator's threads are not counted.
@@ -253,8 +194,7 @@ void BM_LibraryAllocations(benchmark::State &state) {
     state.SkipWithError("allocation counting needs malloc interposed (not in sanitizer builds)");
     return;
   }
-  const int size = static_cast<int>(state.range(0));
-  Workload &w = connections->workload(size);
+  EciWorkload &w = connections->workload(state.range(0));
   if (QVA_ECI_Execute(connections->gw, &w.parms) != QVA_OK) {  // any one-time set-up is not counted
     state.SkipWithError("warm-up call failed");
     return;
@@ -279,66 +219,56 @@ void BM_LibraryAllocations(benchmark::State &state) {
   }
 }
 
-void sizes(benchmark::internal::Benchmark *b) {
-  for (int size : kSizes) b->Arg(size);
+// The calling thread's calls of the system-call wrappers inside one call of
+// a client, after a warm-up call; the emulator's threads are not counted.
+// Counters syscalls_per_call, send, recv, wait and other; the label lists
+// them by function.
+template <Client client>
+void syscalls(benchmark::State &state) {
+  if (!syscallCounterAvailable()) {
+    state.SkipWithError("system-call counting needs the wrappers interposed (not in sanitizer builds)");
+    return;
+  }
+  EciWorkload &w = connections->workload(state.range(0));
+  if (!client(state, w)) return;
+  bench::SyscallTally tally;
+  for (auto _ : state) {
+    syscallCounterStart();
+    const bool ok = client(state, w);
+    syscallCounterStop();
+    tally.add();
+    if (!ok) return;
+  }
+  tally.report(state);
 }
 
-BENCHMARK(BM_Library)->Apply(sizes)->UseRealTime()->Unit(benchmark::kMicrosecond)->ReportAggregatesOnly(true);
-BENCHMARK(BM_Raw)->Apply(sizes)->UseRealTime()->Unit(benchmark::kMicrosecond)->ReportAggregatesOnly(true);
-BENCHMARK(BM_Paired)->Apply(sizes)->UseRealTime()->Unit(benchmark::kMicrosecond)->ReportAggregatesOnly(true);
-BENCHMARK(BM_LibraryAllocations)
-    ->Apply(sizes)
-    ->Iterations(kAllocationCalls)
-    ->Repetitions(1)
-    ->UseRealTime()
-    ->Unit(benchmark::kMicrosecond);
+void BM_LibrarySyscalls(benchmark::State &state) { syscalls<libraryCall>(state); }
+void BM_FloorSyscalls(benchmark::State &state) { syscalls<floorCall>(state); }
+void BM_RawSyscalls(benchmark::State &state) { syscalls<rawCall>(state); }
 
-// ---- Reporting -----------------------------------------------------------------
+void sizes(benchmark::internal::Benchmark *b) {
+  for (int size : bench::kCommareaSizes) b->Arg(size);
+}
 
-// The console report, followed by a table of the library's median beside
-// the raw client's for each size.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  explicit RatioReporter(OutputOptions options) : ConsoleReporter(options) {}
+#define QVA_TIMED(function) \
+  BENCHMARK(function)->Apply(sizes)->UseRealTime()->Unit(benchmark::kMicrosecond)->ReportAggregatesOnly(true)
+#define QVA_COUNTED(function)     \
+  BENCHMARK(function)             \
+      ->Apply(sizes)              \
+      ->Iterations(kCountedCalls) \
+      ->Repetitions(1)            \
+      ->UseRealTime()             \
+      ->Unit(benchmark::kMicrosecond)
 
-  void ReportRuns(const std::vector<Run> &reports) override {
-    ConsoleReporter::ReportRuns(reports);
-    for (const Run &run : reports) {
-      if (run.error_occurred || run.run_type != Run::RT_Aggregate || run.aggregate_name != "median") continue;
-      const int size = std::atoi(run.run_name.args.c_str());
-      const std::string &name = run.run_name.function_name;
-      if (name == "BM_Library") library_[size] = run.GetAdjustedRealTime();
-      if (name == "BM_Raw") raw_[size] = run.GetAdjustedRealTime();
-      if (name == "BM_Paired" && run.counters.count("ratio") != 0) paired_[size] = run.counters.at("ratio");
-    }
-  }
-
-  void Finalize() override {
-    ConsoleReporter::Finalize();
-    if (library_.empty() && raw_.empty() && paired_.empty()) return;
-    std::printf("\nMedian round trip, microseconds (library / raw client)\n");
-    std::printf("%10s %12s %12s %8s %14s\n", "COMMAREA", "library", "raw", "ratio", "paired ratio");
-    for (int size : kSizes) {
-      const bool both = library_.count(size) != 0 && raw_.count(size) != 0;
-      if (!both && paired_.count(size) == 0) continue;
-      std::printf("%10d", size);
-      if (both) {
-        std::printf(" %12.2f %12.2f %8.3f", library_[size], raw_[size], library_[size] / raw_[size]);
-      } else {
-        std::printf(" %12s %12s %8s", "-", "-", "-");
-      }
-      if (paired_.count(size) != 0) {
-        std::printf(" %14.3f\n", paired_[size]);
-      } else {
-        std::printf(" %14s\n", "-");
-      }
-    }
-    std::fflush(stdout);
-  }
-
- private:
-  std::map<int, double> library_, raw_, paired_;
-};
+QVA_TIMED(BM_Library);
+QVA_TIMED(BM_Floor);
+QVA_TIMED(BM_Raw);
+QVA_TIMED(BM_PairedFloor);
+QVA_TIMED(BM_Paired);
+QVA_COUNTED(BM_LibraryAllocations);
+QVA_COUNTED(BM_LibrarySyscalls);
+QVA_COUNTED(BM_FloorSyscalls);
+QVA_COUNTED(BM_RawSyscalls);
 
 }  // namespace
 
@@ -348,6 +278,7 @@ int main(int argc, char **argv) {
   // thread may sit on another CPU than the client, and a round trip then
   // pays the virtual machine's cross-CPU wake-up: medians flip between two
   // modes from run to run and hide the library's own cost.
+  // --bench_keep_heap=0 leaves glibc's trim as it is (see keepFreedHeap).
   bench::CommandLine line = bench::parseCommandLine(argc, argv, kDefaultFlags);
   int count = static_cast<int>(line.args.size()) - 1;
   benchmark::Initialize(&count, line.args.data());
@@ -355,19 +286,22 @@ int main(int argc, char **argv) {
 
   const int cpu = bench::pinToCpu(line.cpu, "bench_eci");
   benchmark::AddCustomContext("bench_cpu", cpu >= 0 ? "pinned to CPU " + std::to_string(cpu) : "not pinned");
+  benchmark::AddCustomContext("bench_keep_heap", bench::keepFreedHeap(line.keepHeap));
 
   // Whatever the environment asks for, the trace is off while timing.
   QVA_setAPITraceLevel(0);
-  if (!bench::checkAllocCounter("bench_eci") || !checkWire()) {
+  bench::EciWorkloads workloads = bench::makeEciWorkloads();
+  if (!bench::checkAllocCounter("bench_eci") || !bench::checkSyscallCounter("bench_eci") ||
+      !bench::checkEciWire(workloads)) {
     std::fprintf(stderr, "bench_eci: FAILED: the start-up checks did not pass; nothing was timed\n");
     return 1;
   }
-  if (!openConnections()) {
+  if (!openConnections(workloads)) {
     closeConnections();
     return 1;
   }
   if (line.console) {
-    RatioReporter reporter(line.consoleOptions);
+    bench::EciReporter reporter(line.consoleOptions);
     benchmark::RunSpecifiedBenchmarks(&reporter);
   } else {
     benchmark::RunSpecifiedBenchmarks();

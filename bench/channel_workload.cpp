@@ -89,7 +89,7 @@ std::unique_ptr<ChannelWorkload> ChannelWorkload::big(uint32_t size) {
   return w;
 }
 
-// The library's channel and parameter block, and the raw request.
+// The library's channel and parameter block, and the floor client's request.
 bool ChannelWorkload::create(std::string *error) {
   int rc = ECI_createChannel(kChannelName, &channel_);
   if (rc != ECI_NO_ERROR) return expect(false, error, "ECI_createChannel rc=" + std::to_string(rc));
@@ -101,18 +101,18 @@ bool ChannelWorkload::create(std::string *error) {
   }
   setParms(parms_, programCall(kind_ == Kind::Big ? "CHBIG" : "CHECHO"));
   parms_.eci_channel = channel_;
-  request_ = qvaraw::request(rawCall());
+  request_ = qvaraw::request(wireCall());
   return true;
 }
 
 // The request from the wire layout: the channel's containers newest first,
 // each ADDED.
-qvaraw::Call ChannelWorkload::rawCall() const {
+qvaraw::Call ChannelWorkload::wireCall() const {
   std::vector<Bytes> entries;
   const bool big = kind_ == Kind::Big;
   for (size_t i = names_.size(); i-- > 0;)
-    entries.push_back(qvaraw::entry(names_[i], qvaraw::kAdded, big ? qvaraw::kChar : qvaraw::kBit, big ? kCcsid : 0,
-                                    data_[i]));
+    entries.push_back(
+        qvaraw::entry(names_[i], qvaraw::kAdded, big ? qvaraw::kChar : qvaraw::kBit, big ? kCcsid : 0, data_[i]));
   qvaraw::Call call = programCall(big ? "CHBIG" : "CHECHO");
   call.channelBlock = qvaraw::channel(kChannelName, kCcsid, entries);
   return call;
@@ -132,9 +132,7 @@ uint64_t ChannelWorkload::expectedAllocations() const {
 
 int ChannelWorkload::callLibrary(QvaGatewayToken *gw) { return QVA_ECI_Execute_Channel(gw, &parms_); }
 
-bool ChannelWorkload::reset() {
-  return kind_ != Kind::Big || ECI_deleteContainer(channel_, "PAYLOAD") == ECI_NO_ERROR;
-}
+bool ChannelWorkload::reset() { return kind_ != Kind::Big || ECI_deleteContainer(channel_, "PAYLOAD") == ECI_NO_ERROR; }
 
 bool ChannelWorkload::checkLibraryResult(std::string *error) {
   char name[17] = {};
@@ -166,7 +164,7 @@ bool ChannelWorkload::checkLibraryResult(std::string *error) {
   return expect(rc == ECI_NO_ERROR && isBigPattern(got.data(), got.size()), error, "PAYLOAD data differs");
 }
 
-bool ChannelWorkload::checkRawReply(const uint8_t *message, size_t size, std::string *error) {
+bool ChannelWorkload::checkFloorReply(const uint8_t *message, size_t size, std::string *error) {
   qvaraw::ProgramReply reply;
   qvaraw::Flow flow;
   if (!expect(size >= kReplyHeaderSize && qvaraw::get32(message) == 0x47617465 &&
@@ -217,7 +215,8 @@ namespace {
 
 constexpr int kCallsPerWorkload = 2;  // the second shows that the channel is back as it was
 
-// Connection 0 of the gateway; compared before the close flow follows.
+// Connection 0 of the gateway; compared before the close flow follows. The
+// calls' system calls must reach the counter.
 bool checkLibrary(Workloads &workloads, const qvaemu::Gateway &gateway, const Bytes &want) {
   QvaGatewayToken *gw = nullptr;
   int rc = QVA_openRemoteGatewayConnection("127.0.0.1", gateway.port(), &gw, 10);
@@ -226,38 +225,43 @@ bool checkLibrary(Workloads &workloads, const qvaemu::Gateway &gateway, const By
     return false;
   }
   bool ok = true;
+  SyscallTally counted;
   for (auto &w : workloads) {
     for (int call = 0; call < kCallsPerWorkload && ok; ++call) {
       std::string error;
+      syscallCounterStart();
       rc = w->callLibrary(gw);
+      syscallCounterStop();
+      counted.add();
       if (rc != ECI_NO_ERROR) error = "rc=" + std::to_string(rc);
       ok = rc == ECI_NO_ERROR && w->checkLibraryResult(&error) && w->reset();
       if (!ok) std::fprintf(stderr, "bench_channel: library call %s: %s\n", w->key().c_str(), error.c_str());
     }
   }
   ok = checkReceived("bench_channel", gateway, 0, "the library", want, 60s) && ok;
+  ok = checkLibraryCounted("bench_channel", counted) && ok;
   QVA_closeGatewayConnection(&gw);
   return ok;
 }
 
 // Connection 1 of the gateway.
-bool checkRaw(Workloads &workloads, const qvaemu::Gateway &gateway, const Bytes &want) {
-  RawChannelClient raw;
+bool checkFloor(Workloads &workloads, const qvaemu::Gateway &gateway, const Bytes &want) {
+  FloorClient floor;
   std::string error;
-  if (!raw.open(gateway.port(), &error)) {
-    std::fprintf(stderr, "bench_channel: raw connection to the recording emulator: %s\n", error.c_str());
+  if (!floor.open(gateway.port(), &error)) {
+    std::fprintf(stderr, "bench_channel: floor connection to the recording emulator: %s\n", error.c_str());
     return false;
   }
   bool ok = true;
   for (auto &w : workloads) {
     for (int call = 0; call < kCallsPerWorkload && ok; ++call) {
-      const int64_t size = raw.call(w->request());
+      const int64_t size = floor.call(w->request());
       if (size < 0) error = "call failed: " + std::to_string(size);
-      ok = size >= 0 && w->checkRawReply(raw.reply(), static_cast<size_t>(size), &error);
-      if (!ok) std::fprintf(stderr, "bench_channel: raw call %s: %s\n", w->key().c_str(), error.c_str());
+      ok = size >= 0 && w->checkFloorReply(floor.reply(), static_cast<size_t>(size), &error);
+      if (!ok) std::fprintf(stderr, "bench_channel: floor call %s: %s\n", w->key().c_str(), error.c_str());
     }
   }
-  return ok && checkReceived("bench_channel", gateway, 1, "the raw client", want, 60s);
+  return ok && checkReceived("bench_channel", gateway, 1, "the floor client", want, 60s);
 }
 
 }  // namespace
@@ -273,9 +277,10 @@ bool checkWire(Workloads &workloads) {
   }
   Bytes want = qvaraw::handshakeRequest();
   for (const auto &w : workloads)
-    for (int call = 0; call < kCallsPerWorkload; ++call) want.insert(want.end(), w->request().begin(), w->request().end());
+    for (int call = 0; call < kCallsPerWorkload; ++call)
+      want.insert(want.end(), w->request().begin(), w->request().end());
 
-  const bool ok = checkLibrary(workloads, gateway, want) && checkRaw(workloads, gateway, want);
+  const bool ok = checkLibrary(workloads, gateway, want) && checkFloor(workloads, gateway, want);
   gateway.stop();
   return ok;
 }

@@ -1,5 +1,5 @@
 // The channel calls that bench_channel times, each in two forms: a channel
-// and parameter block for the library, and the request bytes for the raw
+// and parameter block for the library, and the request bytes for the floor
 // client, built from the wire layout without the library's help.
 #pragma once
 
@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "floor_client.h"
 #include "qvaclient/qvaclient.h"
-#include "raw_channel_client.h"
 
 namespace bench {
 
@@ -22,7 +22,7 @@ class ChannelWorkload {
  public:
   enum class Kind {
     Echo,  // CHECHO: every container comes back MODIFIED with its own data
-    Big,  // CHBIG: SIZE asks for a PAYLOAD that comes back ADDED
+    Big,   // CHBIG: SIZE asks for a PAYLOAD that comes back ADDED
   };
 
   // CHECHO with `containers` BIT containers of `size` bytes each.
@@ -56,13 +56,13 @@ class ChannelWorkload {
 
   // After callLibrary: the channel holds what the program returned.
   bool checkLibraryResult(std::string *error);
-  // A whole reply that the raw client received for request(); remembers its size.
-  bool checkRawReply(const uint8_t *message, size_t size, std::string *error);
+  // A whole reply that the floor client received for request(); remembers its size.
+  bool checkFloorReply(const uint8_t *message, size_t size, std::string *error);
 
  private:
   ChannelWorkload(Kind kind, std::string key);
   bool create(std::string *error);
-  qvaraw::Call rawCall() const;
+  qvaraw::Call wireCall() const;
 
   Kind kind_;
   std::string key_;
@@ -83,7 +83,8 @@ Workloads makeWorkloads();
 
 // Runs every workload twice through each client against a recording
 // emulator: both must send exactly the request bytes that the wire layout
-// gives, and both must get back what the program returns.
+// gives, and both must get back what the program returns. The system-call
+// counter must see the library's sends and receives.
 bool checkWire(Workloads &workloads);
 
 }  // namespace bench

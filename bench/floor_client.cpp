@@ -1,4 +1,4 @@
-#include "raw_channel_client.h"
+#include "floor_client.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -13,14 +13,14 @@ using qvaraw::bodyLengthAt;
 using qvaraw::get32;
 using qvaraw::headerSize;
 
-RawChannelClient::~RawChannelClient() { close(); }
+FloorClient::~FloorClient() { close(); }
 
-void RawChannelClient::close() {
+void FloorClient::close() {
   if (fd_ >= 0) ::close(fd_);
   fd_ = -1;
 }
 
-void RawChannelClient::grow(size_t bytes, size_t keep) {
+void FloorClient::grow(size_t bytes, size_t keep) {
   if (bytes <= capacity_) return;
   auto bigger = std::make_unique<uint8_t[]>(bytes);  // value-initialised: every page touched
   if (keep > 0) std::memcpy(bigger.get(), reply_.get(), keep);
@@ -28,22 +28,22 @@ void RawChannelClient::grow(size_t bytes, size_t keep) {
   capacity_ = bytes;
 }
 
-void RawChannelClient::reserve(size_t bytes) { grow(bytes, 0); }
+void FloorClient::reserve(size_t bytes) { grow(bytes, 0); }
 
-bool RawChannelClient::open(uint16_t port, std::string *error) {
+bool FloorClient::open(uint16_t port, std::string *error) {
   close();
   grow(4096, 0);
   fd_ = qvaraw::openSession("127.0.0.1", port, error);
   return fd_ >= 0;
 }
 
-int64_t RawChannelClient::call(const Bytes &request) { return exchange(request, nullptr, 0); }
+int64_t FloorClient::call(const Bytes &request) { return exchange(request, nullptr, 0); }
 
-int64_t RawChannelClient::callInto(const Bytes &request, uint8_t *buffer, size_t capacity) {
+int64_t FloorClient::callInto(const Bytes &request, uint8_t *buffer, size_t capacity) {
   return exchange(request, buffer, capacity);
 }
 
-int64_t RawChannelClient::exchange(const Bytes &request, uint8_t *buffer, size_t capacity) {
+int64_t FloorClient::exchange(const Bytes &request, uint8_t *buffer, size_t capacity) {
   if (!qvaraw::sendAll(fd_, request.data(), request.size())) return kTransportFailure;
   const bool own = buffer == nullptr;
   if (own) {
