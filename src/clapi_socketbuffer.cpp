@@ -63,11 +63,18 @@ bool readableInTime(SocketBuffer *sockBuffer) {
   }
 }
 
-// One recv, retried on EINTR. 0 means the peer closed.
-ssize_t recvSome(SocketBuffer *sockBuffer, uint8_t *data, size_t length) {
+// One recv, retried on EINTR. 0 means the peer closed. With `after`, the
+// bytes past `length` go on into it, up to afterLength.
+ssize_t recvSome(SocketBuffer *sockBuffer, uint8_t *data, size_t length, uint8_t *after = nullptr,
+                 size_t afterLength = 0) {
+  iovec parts[2] = {{data, length}, {after, afterLength}};
+  msghdr message{};
+  message.msg_iov = parts;
+  message.msg_iovlen = afterLength > 0 ? 2 : 1;
   for (;;) {
     if (!readableInTime(sockBuffer)) return -1;
-    ssize_t rc = recv(sockBuffer->socketDesc, data, length, 0);
+    ssize_t rc =
+        afterLength > 0 ? recvmsg(sockBuffer->socketDesc, &message, 0) : recv(sockBuffer->socketDesc, data, length, 0);
     if (rc < 0 && errno == EINTR) continue;
     return rc;
   }
@@ -134,10 +141,8 @@ int initBuffer(SocketBuffer *sockBuffer, int socketDesc, uint32_t dataLen, bool 
     sockBuffer->buffer = buffer;
     sockBuffer->bufferSize = bufferSize;
     sockBuffer->bytesRemaining = dataLen;
-    if (forWriting) {
-      sockBuffer->cursor = buffer;
-      sockBuffer->gathering = !traceOn(kTraceEntryExit);
-    }
+    if (forWriting) sockBuffer->cursor = buffer;
+    sockBuffer->quiet = !traceOn(kTraceEntryExit);
   }
   if (forWriting) {
     TRACE_EXIT(1509, "clapi_socketbuffer.initWriteBuffer() rc=%d\n", rc);
@@ -287,7 +292,7 @@ void writeBytes(SocketBuffer *sockBuffer, const void *data, uint32_t dataLen) {
   TRACE_ENTRY(1560, "clapi_socketbuffer.writeBytes(sockBuffer=%p, data=%p, dataLen=%lu)\n", addr(sockBuffer), data,
               ul(dataLen));
   bool done = false;
-  if (sockBuffer->gathering && dataLen > sockBuffer->bufferSize) {
+  if (sockBuffer->quiet && dataLen > sockBuffer->bufferSize) {
     // Held back for the flush; a full list of blocks is sent first.
     if (sockBuffer->gatheredCount == kGatheredBlocksMax) flushBuffer(sockBuffer);
     if (!bufferFailed(sockBuffer)) {
@@ -528,9 +533,19 @@ void readBytes(SocketBuffer *sockBuffer, void *dataPtr, uint32_t dataLen) {
       }
     } else {
       // Large blocks go straight from the socket into the caller's memory.
+      // Quiet, what follows the block in the message comes along into the
+      // emptied buffer, as much as it holds; the reading stops once the
+      // block is whole, as it does piece by piece.
       uint32_t received = 0;
+      uint32_t along = 0;
+      const uint32_t followers =
+          sockBuffer->quiet ? std::min(sockBuffer->bytesRemaining - needed, sockBuffer->bufferSize) : 0;
       while (received < needed) {
-        ssize_t rc = recvSome(sockBuffer, data + have + received, needed - received);
+        ssize_t rc = recvSome(sockBuffer, data + have + received, needed - received, sockBuffer->buffer, followers);
+        if (rc > static_cast<ssize_t>(needed - received)) {
+          along = static_cast<uint32_t>(rc) - (needed - received);
+          rc = needed - received;
+        }
         if (rc < 1) {
           failSocket(sockBuffer, rc < 0 ? errno : 0);
           TRACE_EXC(1531, "clapi_socketbuffer.readBytes recv returned an error code: errno=%d\n",
@@ -542,9 +557,9 @@ void readBytes(SocketBuffer *sockBuffer, void *dataPtr, uint32_t dataLen) {
       if (received > 0) {
         TRACE_DATA(1532, data + have, received, "clapi_socketbuffer.readBytes data=%p len=%d stopword=%8.8X\n",
                    addr(data + have), static_cast<int>(received), 0u);
-        sockBuffer->bytesRemaining -= received;
+        sockBuffer->bytesRemaining -= received + along;
         sockBuffer->cursor = sockBuffer->buffer;
-        sockBuffer->bytesInBuffer = 0;
+        sockBuffer->bytesInBuffer = along;
         TRACE_DEBUG(1533,
                     "clapi_socketbuffer.readBytes Read %lu bytes from buffer %p, %lu bytes from socket %d, %lu bytes "
                     "remaining\n",

@@ -39,11 +39,12 @@ struct SocketBuffer {
   // Monotonic milliseconds by which the reply must have arrived whole; 0
   // when no reply deadline is set (the default).
   int64_t replyDeadlineMs;
-  // Set for a write buffer while the trace writes none of its lines: large
+  // Set while the trace writes none of the buffer's lines. Writing, large
   // blocks are then held back and the flush sends the whole request in one
-  // gathered sendmsg. With its lines traced, each piece goes out as it comes,
-  // as the trace tells it.
-  bool gathering;
+  // gathered sendmsg; reading, a large block read into the caller's memory
+  // brings the message's next bytes into the buffer in the same recvmsg.
+  // With its lines traced, each piece moves on its own, as the trace tells.
+  bool quiet;
   uint32_t gatheredCount;
   uint32_t gatheredBytes;
   GatheredBlock gathered[kGatheredBlocksMax];

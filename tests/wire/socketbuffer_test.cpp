@@ -174,6 +174,31 @@ TEST_F(SocketBufferTest, SmallReadersDecodeBigEndianAcrossARefill) {
   }
 }
 
+// A block larger than the buffer goes straight into the caller's memory; quiet (level 2 and below), the bytes that
+// follow it in the message come along into the buffer in the same recvmsg, as many as it holds, and never a byte
+// of the next message.
+TEST_F(SocketBufferTest, ALargeBlockBringsWhatFollowsItOnlyWhenQuiet) {
+  const Bytes block = pattern(3000, 5);
+  for (size_t tail : {size_t{6}, size_t{2000}}) {
+    for (int level : {0, 4}) {
+      SCOPED_TRACE(testing::Message() << "tail " << tail << ", level " << level);
+      const Bytes after = pattern(tail, 9);
+      ASSERT_TRUE(sendAll(pair.peer, cat({block, after, hex("EEEEEEEE")})));
+      TraceCapture trace(level);
+      ASSERT_EQ(initReadBuffer(&sb, pair.client, uint32_t(block.size() + tail)), QVA_OK);
+      Bytes into(block.size());
+      readBytes(&sb, into.data(), uint32_t(into.size()));
+      EXPECT_EQ(into, block);
+      EXPECT_EQ(sb.bytesInBuffer, level == 0 ? std::min<size_t>(tail, 1024) : 0u);
+      Bytes rest(tail);
+      readBytes(&sb, rest.data(), uint32_t(tail));
+      EXPECT_EQ(rest, after);
+      EXPECT_EQ(state(), std::make_tuple(0, 0, 0u, 0u));
+      EXPECT_EQ(recvExactly(pair.client, 4), hex("EEEEEEEE"));
+    }
+  }
+}
+
 // ---- Failures -------------------------------------------------------------------------------
 
 // A failed buffer hands out and takes nothing, and leaves the next message unread. A reader that would run past
