@@ -2,6 +2,7 @@
 
 #include "clapi_gwytok.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -109,17 +110,21 @@ int openClientSocket(QvaGatewayToken *gwTok, const char *hostname, int port, int
 
 // Closes the token's connection with the close flow, as every deletion does.
 // After a failed connect that flow fails at once on the unconnected socket,
-// with its own exception lines. The one exception is a connection that was
-// made but whose handshake failed: that Gateway has misbehaved on a live
-// connection, and the wait for its close reply would have no limit.
+// with its own exception lines; a connect that timed out may still be in
+// progress, and a send on it would wait for it, so the socket is made
+// non-blocking first. The one exception is a connection that was made but
+// whose handshake failed: that Gateway has misbehaved on a live connection,
+// and the wait for its close reply would have no limit.
 int closeTokenConnection(QvaGatewayToken *gwTok) {
-  sockaddr_storage peer{};
-  socklen_t peerLength = sizeof peer;
-  if (gwTok->connStatus == kConnFailed && gwTok->socket >= 0 &&
-      getpeername(gwTok->socket, reinterpret_cast<sockaddr *>(&peer), &peerLength) == 0) {
-    int closeRc = close(gwTok->socket);
-    gwTok->socket = -1;
-    return closeRc;
+  if (gwTok->connStatus == kConnFailed && gwTok->socket >= 0) {
+    sockaddr_storage peer{};
+    socklen_t peerLength = sizeof peer;
+    if (getpeername(gwTok->socket, reinterpret_cast<sockaddr *>(&peer), &peerLength) == 0) {
+      int closeRc = close(gwTok->socket);
+      gwTok->socket = -1;
+      return closeRc;
+    }
+    fcntl(gwTok->socket, F_SETFL, fcntl(gwTok->socket, F_GETFL) | O_NONBLOCK);
   }
   return clapiCloseConnection(&gwTok->socket);
 }

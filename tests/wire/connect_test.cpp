@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 
+#include <csignal>
 #include <future>
 
 #include "clapi_socketbuffer.h"
@@ -70,6 +71,35 @@ TEST_F(ConnectTest, ConnTimeoutIsHonouredOnlyWithTheReplyDeadline) {
         countLines(text, 2011, "*EXC*", R"(clapi_gwycon\.clapiConnectToGatewayUnable to connect to Gateway: )" + error),
         1);
   }
+}
+
+// Without the deadline, a connect that a signal interrupts waits connTimeout more and then gives up; the close flow
+// that follows fails at once on the socket still connecting instead of waiting for the connect to end.
+TEST_F(ConnectTest, AnInterruptedConnectThatTimesOutIsClosedAtOnce) {
+  struct sigaction action {
+  }, saved{};
+  action.sa_handler = [](int) {};
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGUSR1, &action, &saved);  // no SA_RESTART: the connect returns EINTR
+  Listener listener;
+  ASSERT_TRUE(fillAcceptQueue(listener));
+  std::promise<void> opened;
+  std::thread helper([&, self = pthread_self(), ended = opened.get_future()] {
+    if (ended.wait_for(200ms) == std::future_status::timeout) pthread_kill(self, SIGUSR1);
+    if (ended.wait_for(6s) == std::future_status::timeout) ::shutdown(listener.fd, SHUT_RDWR);
+  });
+  TraceCapture trace(1);
+  QvaGatewayToken *token = nullptr;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(QVA_openRemoteGatewayConnection("127.0.0.1", listener.port, &token, 1), QVA_ERR_CONNECTTIMEOUT);
+  const auto elapsed = std::chrono::steady_clock::now() - start;
+  opened.set_value();
+  helper.join();
+  sigaction(SIGUSR1, &saved, nullptr);
+  EXPECT_LT(elapsed, 4s);
+  EXPECT_EQ(
+      countLines(trace.text(), 1528, "*EXC*", R"(clapi_socketbuffer\.flushBuffer Unable to send data to Gateway: .*)"),
+      1);
 }
 
 // A connect made in time leaves the socket blocking for the handshake and every call after it.
