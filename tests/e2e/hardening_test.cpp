@@ -380,10 +380,11 @@ bool pauseAtTheParameterCopy(uint32_t, const char *tag) {
 }
 
 TEST_F(HardeningTest, ACallPastItsTokenCheckOutlivesTheCloseAllThatTakesItsToken) {
+  callPaused = false, callMayGoOn = false;
   std::atomic<int> callRc{1};
   std::thread caller([&] {
     QvaGatewayToken *tok = nullptr;
-    if (open(&tok) != QVA_OK) return;
+    if (open(&tok) != QVA_OK) return void(callPaused = true);
     setAllocFailHook(pauseAtTheParameterCopy);
     callRc = echo(tok, "in flight");
   });
