@@ -198,8 +198,9 @@ void take(SocketBuffer *sockBuffer, uint8_t *bytes, uint32_t width) {
 
 // Sends the buffered bytes with the held-back blocks in their places, in as
 // few sendmsg calls as the socket allows. A failure is told as the sends of
-// one piece at a time would have told it: by flushBuffer when it falls in
-// buffered bytes, by writeBytes when it falls in a block.
+// one piece at a time would have told it: by writeBytes when it falls in a
+// block too large for the buffer, which writeBytes would have sent itself,
+// else by flushBuffer.
 int sendGathered(SocketBuffer *sockBuffer, int more) {
   iovec parts[2 * kGatheredBlocksMax + 1];
   bool isBlock[2 * kGatheredBlocksMax + 1];
@@ -211,7 +212,7 @@ int sendGathered(SocketBuffer *sockBuffer, int more) {
   };
   for (const GatheredBlock &held : std::span(sockBuffer->gathered, sockBuffer->gatheredCount)) {
     if (held.at > from) add(sockBuffer->buffer + from, held.at - from, false);
-    add(held.data, held.length, true);
+    add(held.data, held.length, held.direct);
     from = held.at;
   }
   if (sockBuffer->bytesInBuffer > from) add(sockBuffer->buffer + from, sockBuffer->bytesInBuffer - from, false);
@@ -292,12 +293,13 @@ void writeBytes(SocketBuffer *sockBuffer, const void *data, uint32_t dataLen) {
   TRACE_ENTRY(1560, "clapi_socketbuffer.writeBytes(sockBuffer=%p, data=%p, dataLen=%lu)\n", addr(sockBuffer), data,
               ul(dataLen));
   bool done = false;
-  if (sockBuffer->quiet && dataLen > sockBuffer->bufferSize) {
-    // Held back for the flush; a full list of blocks is sent first.
+  if (sockBuffer->quiet && sockBuffer->bytesInBuffer + dataLen > sockBuffer->bufferSize) {
+    // Where the bytes would not fit the room left, they are held back for
+    // the flush instead of flushing now; a full list of blocks is sent first.
     if (sockBuffer->gatheredCount == kGatheredBlocksMax) flushBuffer(sockBuffer);
     if (!bufferFailed(sockBuffer)) {
-      sockBuffer->gathered[sockBuffer->gatheredCount++] = {sockBuffer->bytesInBuffer,
-                                                           static_cast<const uint8_t *>(data), dataLen};
+      sockBuffer->gathered[sockBuffer->gatheredCount++] = {
+          sockBuffer->bytesInBuffer, static_cast<const uint8_t *>(data), dataLen, dataLen > sockBuffer->bufferSize};
       sockBuffer->gatheredBytes += dataLen;
     }
     done = true;

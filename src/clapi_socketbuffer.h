@@ -8,14 +8,15 @@
 
 inline constexpr uint32_t kSocketBufferMax = 1024;
 // Blocks a write buffer can hold back for one gathered send.
-inline constexpr uint32_t kGatheredBlocksMax = 8;
+inline constexpr uint32_t kGatheredBlocksMax = 32;
 
-// A block too large for the buffer, left in the caller's memory until the
-// next flush sends it in its place among the buffered bytes.
+// A block that does not fit the buffer's room, left in the caller's memory
+// until the next flush sends it in its place among the buffered bytes.
 struct GatheredBlock {
   uint32_t at;  // bytes of the buffer that go before it
   const uint8_t *data;
   uint32_t length;
+  bool direct;  // too large for the whole buffer: writeBytes would send it itself
 };
 
 // Lives in the flow's stack frame and is zero-filled before the first
@@ -62,6 +63,8 @@ int initReadBuffer(SocketBuffer *sockBuffer, int socketDesc, uint32_t dataLen);
 void writeInt(SocketBuffer *sockBuffer, int32_t value);
 void writeShort(SocketBuffer *sockBuffer, int16_t value);
 void writeByte(SocketBuffer *sockBuffer, uint8_t value);
+// Quiet, the bytes may stay in the caller's memory until the next flush:
+// they must stay there unchanged until then.
 void writeBytes(SocketBuffer *sockBuffer, const void *data, uint32_t dataLen);
 void writeBytesMasked(SocketBuffer *sockBuffer, const void *data, uint32_t dataLen);
 int flushBuffer(SocketBuffer *sockBuffer);

@@ -98,32 +98,37 @@ TEST_F(SocketBufferTest, AValueThatWouldNotFitFlushesTheBufferedBytesFirst) {
   }
 }
 
-// While the trace shows none of the buffer's lines (level 2 and below), blocks too large for the buffer are held
-// back and the flush sends the request whole: the peer gets the same bytes in the same order as when each piece
-// goes out on its own (level 4), a list of held blocks that is full is sent first, and a send that fails is told
-// by the step that would have made it (the flush for buffered bytes, writeBytes for a block).
+// While the trace shows none of the buffer's lines (level 2 and below), blocks that do not fit the buffer's room
+// are held back and the flush sends the request whole: the peer gets the same bytes in the same order as when each
+// piece goes out on its own (level 4), a list of held blocks that is full is sent first, and a send that fails is
+// told by the step that would have made it (the flush for buffered bytes, writeBytes for a block larger than the
+// buffer).
 TEST_F(SocketBufferTest, UntracedWritesGoOutInOneGatheredSendWithTheSameBytes) {
-  const Bytes big = pattern(1500, 3);
-  for (int level : {0, 4}) {
-    for (size_t blocks : {size_t{1}, size_t{kGatheredBlocksMax + 2}}) {
-      SCOPED_TRACE(testing::Message() << "level " << level << ", " << blocks << " blocks");
-      Bytes want;
-      TraceCapture trace(level);
-      ASSERT_EQ(initWriteBuffer(&sb, pair.client, uint32_t(blocks * (4 + big.size()) + 2)), QVA_OK);
-      for (size_t i = 0; i < blocks; ++i) {
-        writeInt(&sb, int32_t(i));
-        writeBytes(&sb, big.data(), uint32_t(big.size()));
-        want = cat({want, hex("0000000" + std::string(1, "0123456789"[i])), big});
-        if (level == 0 && i < kGatheredBlocksMax) {
-          EXPECT_EQ(pendingBytes(pair.peer), 0) << "held back";
-        }
+  for (auto [level, size, blocks] : {std::tuple{0, 1500, 1u},
+                                     {0, 1500, kGatheredBlocksMax + 2},
+                                     {0, 1024, 3u},
+                                     {4, 1500, 1u},
+                                     {4, 1500, kGatheredBlocksMax + 2},
+                                     {4, 1024, 3u}}) {
+    SCOPED_TRACE(testing::Message() << "level " << level << ", " << blocks << " blocks of " << size);
+    const Bytes big = pattern(size_t(size), 3);
+    Bytes want;
+    TraceCapture trace(level);
+    ASSERT_EQ(initWriteBuffer(&sb, pair.client, uint32_t(blocks * (4 + big.size()) + 2)), QVA_OK);
+    for (size_t i = 0; i < blocks; ++i) {
+      writeInt(&sb, int32_t(i));
+      writeBytes(&sb, big.data(), uint32_t(big.size()));
+      want = cat({want, be32(uint32_t(i)), big});
+      if (level == 0 && i < kGatheredBlocksMax) {
+        EXPECT_EQ(pendingBytes(pair.peer), 0) << "held back";
       }
-      writeShort(&sb, 0x7E7F);
-      ASSERT_EQ(flushBuffer(&sb), QVA_OK);
-      EXPECT_EQ(recvExactly(pair.peer, want.size() + 2), cat({want, hex("7E7F")}));
-      EXPECT_EQ(sb.bytesRemaining, 0u);
     }
+    writeShort(&sb, 0x7E7F);
+    ASSERT_EQ(flushBuffer(&sb), QVA_OK);
+    EXPECT_EQ(recvExactly(pair.peer, want.size() + 2), cat({want, hex("7E7F")}));
+    EXPECT_EQ(sb.bytesRemaining, 0u);
   }
+  const Bytes big = pattern(1500, 3);
   for (const auto &[head, point] : {std::pair{size_t{4}, 1528}, std::pair{size_t{0}, 1565}}) {
     for (int level : {1, 4}) {
       SocketPair p;
