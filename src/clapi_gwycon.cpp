@@ -110,9 +110,9 @@ int connectAndGreet(const addrinfo *address, int port, const char *ipAddr, int *
 
   // connTimeout is honoured only where the application opted in to the reply
   // deadline: the socket is then really non-blocking while it connects, and
-  // blocking again before the handshake. A connect that fails leaves it
-  // non-blocking, so that the close flow which follows on the half-open
-  // socket fails at once instead of waiting for the system's connect timeout.
+  // blocking again before the handshake. A connect that fails leaves the
+  // socket as it is: the token list makes it non-blocking for the close flow
+  // that follows, whichever way the connect failed.
   const bool honourTimeout = connTimeout > 0 && clapiGetReplyTimeout() > 0;
   if (connTimeout != 0) setNonBlocking(socketDesc, sockOptOn, honourTimeout);
   int code = kConnectOk;
