@@ -56,10 +56,11 @@ TEST_F(ConnectTest, ConnTimeoutIsHonouredWithTheReplyDeadlineOrAfterASignal) {
     Listener listener;
     ASSERT_TRUE(fillAcceptQueue(listener)) << "a connect to a full accept queue completed";
     std::promise<void> opened;
-    std::thread helper([&, self = pthread_self(), ended = opened.get_future()] {
-      if (signal && ended.wait_for(200ms) == std::future_status::timeout) pthread_kill(self, SIGUSR1);
-      if (ended.wait_for(listenerGoes) == std::future_status::timeout) ::shutdown(listener.fd, SHUT_RDWR);
-    });
+    std::thread helper(
+        [&, signal = signal, listenerGoes = listenerGoes, self = pthread_self(), ended = opened.get_future()] {
+          if (signal && ended.wait_for(200ms) == std::future_status::timeout) pthread_kill(self, SIGUSR1);
+          if (ended.wait_for(listenerGoes) == std::future_status::timeout) ::shutdown(listener.fd, SHUT_RDWR);
+        });
     clapiSetReplyTimeout(deadline);
     TraceCapture trace(1);
     QvaGatewayToken *token = nullptr;
