@@ -7,6 +7,9 @@
 #include "clapi_export.h"
 
 inline constexpr uint32_t kSocketBufferMax = 1024;
+// While quiet, a buffer may grow to this size, so that a reply of many
+// containers arrives in a few receives instead of one per kilobyte.
+inline constexpr uint32_t kQuietBufferMax = 64 * 1024;
 // Blocks a write buffer can hold back for one gathered send.
 inline constexpr uint32_t kGatheredBlocksMax = 32;
 
@@ -26,7 +29,8 @@ struct SocketBuffer {
   int32_t socketDesc;
   int32_t lastErrno;  // errno of the first failed recv, send or select
   uint8_t *buffer;
-  uint32_t bufferSize;
+  uint32_t bufferSize;     // the part in use: traced, never more than the piece-by-piece path's
+  uint32_t allocatedSize;  // what `buffer` holds
   uint8_t *cursor;
   uint32_t bytesInBuffer;   // read side: received, not consumed; write side: stored, not sent
   uint32_t bytesRemaining;  // bytes of the message not yet received or sent
@@ -46,6 +50,19 @@ struct SocketBuffer {
   // brings the message's next bytes into the buffer in the same recvmsg.
   // With its lines traced, each piece moves on its own, as the trace tells.
   bool quiet;
+  // What the piece-by-piece path would have at this point: its buffer's
+  // size and the bytes it would hold unread. Quiet, every receive it would
+  // make is made at the same point and insists on the same bytes, only
+  // taking along what else has arrived, so that a Gateway that stops or
+  // hangs up is met by the same step; and a block it would send on its
+  // own is told apart when a send fails. Traced, they equal bufferSize and
+  // bytesInBuffer.
+  uint32_t stepSize;
+  uint32_t stepInBuffer;
+  // Bytes past the message's end that a quiet header read took along: they
+  // follow the unread message bytes in the buffer, and the next
+  // initReadBuffer hands them to the body.
+  uint32_t aheadBytes;
   uint32_t gatheredCount;
   uint32_t gatheredBytes;
   GatheredBlock gathered[kGatheredBlocksMax];
@@ -70,6 +87,12 @@ void writeBytesMasked(SocketBuffer *sockBuffer, const void *data, uint32_t dataL
 int flushBuffer(SocketBuffer *sockBuffer);
 int waitForResponse(SocketBuffer *sockBuffer);
 int fillBuffer(SocketBuffer *sockBuffer);
+// Fills the buffer with a header as fillBuffer does. Quiet, it also takes
+// along what has arrived of the body, up to the buffer's room: the body's
+// initReadBuffer starts with it. A Gateway speaks only when asked, so
+// anything past the body's announced length is not part of any reply and
+// is dropped with the flow.
+int fillHeaderBuffer(SocketBuffer *sockBuffer);
 int32_t readInt(SocketBuffer *sockBuffer);
 int16_t readShort(SocketBuffer *sockBuffer);
 uint8_t readByte(SocketBuffer *sockBuffer);
@@ -84,3 +107,11 @@ void discardBytes(SocketBuffer *sockBuffer, uint32_t dataLen);
 void markMalformed(SocketBuffer *sockBuffer);
 
 inline bool bufferFailed(const SocketBuffer *sockBuffer) { return sockBuffer->failure != 0; }
+
+// Bytes of the current message not yet consumed.
+inline uint32_t unreadBytes(const SocketBuffer *sockBuffer) {
+  return sockBuffer->bytesInBuffer + sockBuffer->bytesRemaining;
+}
+
+// The socket failed: every later read and write of the flow stops.
+void failSocket(SocketBuffer *sockBuffer, int error);

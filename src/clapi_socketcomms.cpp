@@ -46,9 +46,6 @@ bool carriesCommarea(const GatewayRequest *request) { return request->extendMode
 
 bool isProgramCall(int32_t callType) { return callType == kCallTypeSync || callType == kCallTypeSyncTpn; }
 
-// Bytes of the current message not yet consumed.
-uint32_t unreadBytes(const SocketBuffer *sockBuffer) { return sockBuffer->bytesInBuffer + sockBuffer->bytesRemaining; }
-
 // Ends a flow: reasons, then the buffer released; a failure of the release
 // matters only when nothing failed before it.
 int finishFlow(SocketBuffer *sockBuffer, int rc, int32_t *reasons) {
@@ -203,7 +200,7 @@ int readHeader(SocketBuffer *sockBuffer, GatewayRequest *req) {
   // is also all the name storage there is.
   const uint32_t nameCapacity = req->nameLength;
   int rc = initReadBuffer(sockBuffer, sockBuffer->socketDesc, nameCapacity + kHeaderSizeWithoutName);
-  if (rc == QVA_OK) rc = fillBuffer(sockBuffer);
+  if (rc == QVA_OK) rc = fillHeaderBuffer(sockBuffer);
   if (rc == QVA_OK) {
     req->magic = static_cast<uint32_t>(readInt(sockBuffer));
     req->version = static_cast<uint32_t>(readInt(sockBuffer));

@@ -27,8 +27,6 @@ const char *typeName(int32_t type) {
   return "UNKNOWN";
 }
 
-uint32_t unreadBytes(const SocketBuffer *sockBuffer) { return sockBuffer->bytesInBuffer + sockBuffer->bytesRemaining; }
-
 // An entry's data must lie inside the reply that announced it. A longer
 // claim ends the merge; the rest of the reply is read and dropped, since
 // its header still tells where the next message starts.

@@ -335,3 +335,55 @@ TEST_F(EciTest, ABadHandshakeReplyFailsTheOpenWithoutACloseRequest) {
 }
 
 }  // namespace
+
+// How a reply arrives changes nothing: in one piece, a byte at a time or split at every field boundary, it fills the
+// same fields whether the buffer reads it piece by piece (level 4) or takes along whatever has arrived (level 0).
+// Cut short at any byte, it ends the flow at the same step either way: the same result, reasons, fields, COMMAREA
+// bytes and exception line.
+TEST_F(EciTest, HowAReplyArrivesOrWhereItIsCutDoesNotDependOnTheTraceLevel) {
+  const Bytes reply = programReply(kReply + "00000BB8 00", pattern(3000, 4));
+  const std::vector<size_t> fields = {4, 8, 12, 16, 20, 24, 27, 28, 32, 36, 40, 44, 48, 52, 56, 57, 3057};
+  auto pieces = [&](const std::vector<size_t> &ends) {
+    std::vector<Bytes> out;
+    size_t from = 0;
+    for (size_t end : ends) out.push_back(slice(reply, from, end - from)), from = end;
+    out.push_back(slice(reply, from, reply.size() - from));
+    return out;
+  };
+  std::vector<size_t> everyByte(reply.size() - 1);
+  for (size_t i = 0; i < everyByte.size(); ++i) everyByte[i] = i + 1;
+  for (const auto &[what, split] : {std::pair{"one piece", pieces({})}, std::pair{"fields", pieces(fields)},
+                                    std::pair{"bytes", pieces(everyByte)}}) {
+    for (int level : {0, 4}) {
+      SCOPED_TRACE(testing::Message() << what << ", level " << level);
+      SocketPair p;
+      FakeGateway peer(
+          p.peer, [&, split = split](FakeGateway &g) { g.expect(32 + 95 + 3000), g.sendInPieces(split, p.client); });
+      EciRequest call(3000);
+      TraceCapture trace(level);
+      EXPECT_EQ(clapiFlowECIRequest(p.client, &call.req, &reasons), QVA_OK);
+      EXPECT_EQ(std::make_tuple(call.req.luwToken, call.req.spareInt, unguarded(call.area)),
+                std::make_tuple(0x11111111, 0x22222222, pattern(3000, 4)));
+      EXPECT_EQ(peer.finish(), "");
+      EXPECT_EQ(pendingBytes(p.client), 0);
+    }
+  }
+  using Outcome = std::tuple<int, int32_t, int32_t, int32_t, Bytes, std::vector<std::string>>;
+  auto cutAt = [&](size_t cut, int level) {
+    SocketPair p;
+    sendAll(p.peer, slice(reply, 0, cut));
+    ::shutdown(p.peer, SHUT_WR);
+    EciRequest call(3000);
+    TraceCapture trace(level);
+    const int rc = clapiFlowECIRequest(p.client, &call.req, &reasons);
+    std::vector<std::string> exceptions;
+    for (const TraceLine &line : traceLines(trace.text()))
+      if (line.word == "*EXC*") exceptions.push_back(std::to_string(line.point) + " " + line.message);
+    return Outcome{rc, reasons, call.req.luwToken, call.req.replyRc, call.area, exceptions};
+  };
+  for (size_t cut = 0; cut < reply.size(); cut += cut < 80 || cut > 2990 || cut % 1024 > 1010 ? 1 : 37) {
+    const Outcome quiet = cutAt(cut, 1), traced = cutAt(cut, 4);
+    EXPECT_EQ(std::get<0>(quiet), cut < 32 ? QVA_ERR_LOSTGWCON : std::get<0>(quiet)) << cut;
+    ASSERT_EQ(quiet, traced) << "cut at " << cut;
+  }
+}
