@@ -312,7 +312,7 @@ class ContainerIterator {
       data_.resize(got);
     }
     if (rc == ECI_NO_ERROR) return;
-    if (rc != ECI_ERR_ENDOFCONTAINERS) *ec_ = to_error_code(rc);
+    if (rc != ECI_ERR_ENDOFCONTAINERS && ec_ != nullptr) *ec_ = to_error_code(rc);
     channel_ = nullptr;
   }
 
