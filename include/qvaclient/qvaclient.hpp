@@ -446,7 +446,7 @@ enum class ExtendMode : short {
 
 struct CallResult {
   std::error_code ec;                // the call's result code
-  std::array<char, 4> abend_code{};  // as the server returned it; all NUL when it returned none
+  std::array<char, 4> abend_code{};  // as the server returned it; blank or NUL when none
   std::int32_t luw_token = 0;        // to pass on to the next call of an extended unit of work
   // The bytes of the COMMAREA the reply was given: the receive length when
   // one was set, else the whole area; 0 for a failed call, a commit or a
@@ -454,7 +454,6 @@ struct CallResult {
   // of them the program filled: a shorter reply leaves the rest zeroed.
   std::size_t commarea_length = 0;
 
-  explicit operator bool() const noexcept { return !ec; }
   // The abend code without trailing blanks and NULs; empty when none.
   std::string_view abend() const noexcept {
     std::string_view code(abend_code.data(), abend_code.size());
