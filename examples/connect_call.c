@@ -58,8 +58,7 @@ int main(int argc, char **argv) {
   rc = QVA_ECI_Execute(gw, &parms);
   if (rc != QVA_OK) {
     failed("QVA_ECI_Execute", rc);
-    if (rc == ECI_ERR_TRANSACTION_ABEND)
-      fprintf(stderr, "abend code: %.4s\n", parms.eci_abend_code);
+    if (rc == ECI_ERR_TRANSACTION_ABEND) fprintf(stderr, "abend code: %.4s\n", parms.eci_abend_code);
     QVA_closeGatewayConnection(&gw);
     return 1;
   }
