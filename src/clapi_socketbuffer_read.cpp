@@ -84,7 +84,8 @@ int fill(SocketBuffer *sockBuffer, bool pastMessage) {
     // would then hold must be here before this returns.
     const uint32_t stepHolds =
         sockBuffer->stepInBuffer +
-        std::min(stepRemaining(sockBuffer), sockBuffer->stepSize - std::min(sockBuffer->stepSize, sockBuffer->stepInBuffer));
+        std::min(stepRemaining(sockBuffer),
+                 sockBuffer->stepSize - std::min(sockBuffer->stepSize, sockBuffer->stepInBuffer));
     const uint32_t amount = stepHolds > sockBuffer->bytesInBuffer ? stepHolds - sockBuffer->bytesInBuffer : 0;
     // Bytes a header read took past its message are for the body's
     // initReadBuffer only: a later fill of the header drops them.
