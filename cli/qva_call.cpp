@@ -168,7 +168,8 @@ void finishJson(JsonWriter &json) {
 int callProgram(QvaGatewayToken *token, CallOptions &options) {
   size_t length = options.commareaLength.value_or(static_cast<int>(options.commarea.size()));
   std::vector<uint8_t> commarea(length, 0);
-  std::memcpy(commarea.data(), options.commarea.data(), std::min(length, options.commarea.size()));
+  // Not memcpy: either vector may be empty, its data() null.
+  std::copy_n(options.commarea.begin(), std::min(length, options.commarea.size()), commarea.begin());
 
   ECI_PARMS parms;
   fillParms(parms, options);
