@@ -57,4 +57,23 @@ std::string rcName(int rc) {
   return name;
 }
 
+ExitStatus exitStatus(int rc) {
+  switch (rc) {
+    case QVA_OK:
+      return kExitSuccess;
+    case ECI_ERR_TRANSACTION_ABEND:
+      return kExitAbend;
+    case QVA_ERR_LOSTGWCON:
+    case QVA_ERR_CONNECTFAILED:
+    case QVA_ERR_BADHOST:
+    case QVA_ERR_CONNECTTIMEOUT:
+      return kExitNoGateway;
+    default:
+      // The Gateway's own codes: it closed, refused the work or failed the
+      // conversation; the server program was never reached.
+      if (rc >= QVA_ERR_UNKNOWN_REQUEST_TYPE && rc <= QVA_ERR_INVALID_REQUEST_TYPE) return kExitNoGateway;
+      return kExitFailed;
+  }
+}
+
 }  // namespace qvacall

@@ -20,6 +20,18 @@ bool readFile(const char *path, std::vector<uint8_t> *bytes);
 // The library's name for a result code, e.g. "ECI_ERR_INVALID_NAME".
 std::string rcName(int rc);
 
+// qva-call's exit statuses.
+enum ExitStatus : int {
+  kExitSuccess = 0,    // result 0
+  kExitFailed = 1,     // any other result: the program or the ECI call failed
+  kExitUsage = 2,      // a bad command line; nothing was sent
+  kExitNoGateway = 3,  // the Gateway was not reached, or the connection was lost
+  kExitAbend = 4,      // the program abended
+};
+
+// The exit status that tells a call's result.
+ExitStatus exitStatus(int rc);
+
 }  // namespace qvacall
 
 #endif

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "common.h"
+#include "json.h"
 
 namespace qvacall {
 
@@ -43,6 +44,43 @@ void printContainer(QvaChannel *channel, const ContainerInfo &info) {
   std::printf("  %-16s  %-4s  %5u  %9u  %-51s  |%s|%s\n", info.name, typeName(info.type),
               static_cast<unsigned>(info.ccsid), static_cast<unsigned>(length), hex.c_str(), text.c_str(),
               more ? "..." : "");
+}
+
+// The channel's name and its containers' descriptions; false, told on
+// standard error, when it cannot be read at all.
+bool readChannel(QvaChannel *channel, char (&name)[17], std::vector<ContainerInfo> *containers) {
+  int rc = ECI_getChannelName(channel, name);
+  if (rc != ECI_NO_ERROR) {
+    std::fprintf(stderr, "qva-call: cannot read the channel: rc=%d %s\n", rc, rcName(rc).c_str());
+    return false;
+  }
+  ContainerInfo info{};
+  for (rc = ECI_getFirstContainer(channel, &info); rc == ECI_NO_ERROR; rc = ECI_getNextContainer(channel, &info)) {
+    containers->push_back(info);
+  }
+  if (rc != ECI_ERR_ENDOFCONTAINERS) {
+    std::fprintf(stderr, "qva-call: cannot list the containers: rc=%d %s\n", rc, rcName(rc).c_str());
+  }
+  return true;
+}
+
+void containerJson(QvaChannel *channel, const ContainerInfo &info, JsonWriter &json) {
+  std::vector<uint8_t> data(info.dataLength);
+  uint32_t got = 0;
+  int rc =
+      data.empty() ? ECI_NO_ERROR : ECI_getContainerData(channel, info.name, data.data(), info.dataLength, 0, &got);
+  if (rc != ECI_NO_ERROR) {
+    std::fprintf(stderr, "qva-call: container \"%s\": rc=%d %s\n", info.name, rc, rcName(rc).c_str());
+    got = 0;
+  }
+  json.beginObject().field("name", info.name).field("type", typeName(info.type));
+  json.field("ccsid", static_cast<long long>(info.ccsid)).field("length", static_cast<long long>(info.dataLength));
+  json.field("hex", hexDigits(data.data(), got)).key("text");
+  if (info.type == ECI_CHAR)
+    json.string(std::string_view(reinterpret_cast<const char *>(data.data()), got));
+  else
+    json.null();
+  json.endObject();
 }
 
 }  // namespace
@@ -193,22 +231,24 @@ int buildChannel(const ChannelOptions &options, QvaChannel **channel) {
 
 void printChannel(QvaChannel *channel) {
   char name[17] = {};
-  int rc = ECI_getChannelName(channel, name);
-  if (rc != ECI_NO_ERROR) {
-    std::fprintf(stderr, "qva-call: cannot read the channel: rc=%d %s\n", rc, rcName(rc).c_str());
-    return;
-  }
   std::vector<ContainerInfo> containers;
-  ContainerInfo info{};
-  for (rc = ECI_getFirstContainer(channel, &info); rc == ECI_NO_ERROR; rc = ECI_getNextContainer(channel, &info)) {
-    containers.push_back(info);
-  }
-  if (rc != ECI_ERR_ENDOFCONTAINERS) {
-    std::fprintf(stderr, "qva-call: cannot list the containers: rc=%d %s\n", rc, rcName(rc).c_str());
-  }
+  if (!readChannel(channel, name, &containers)) return;
   // The channel's own CCSID is the library's; each container shows its own.
   std::printf("channel %s, %zu container%s\n", name, containers.size(), containers.size() == 1 ? "" : "s");
   for (const ContainerInfo &container : containers) printContainer(channel, container);
+}
+
+void channelJson(QvaChannel *channel, JsonWriter &json) {
+  char name[17] = {};
+  std::vector<ContainerInfo> containers;
+  json.key("channel");
+  if (!readChannel(channel, name, &containers)) {
+    json.null();
+    return;
+  }
+  json.beginObject().field("name", name).key("containers").beginArray();
+  for (const ContainerInfo &container : containers) containerJson(channel, container, json);
+  json.endArray().endObject();
 }
 
 }  // namespace qvacall

@@ -58,6 +58,12 @@ int buildChannel(const ChannelOptions &options, QvaChannel **channel);
 // Prints the channel as channelUsage() describes it.
 void printChannel(QvaChannel *channel);
 
+class JsonWriter;
+
+// Adds "channel": {"name", "containers": [...]} with every container's data
+// whole; null when the channel cannot be read (told on standard error).
+void channelJson(QvaChannel *channel, JsonWriter &json);
+
 }  // namespace qvacall
 
 #endif

@@ -37,6 +37,22 @@ const ServerEntry* findServer(const Config& config, const std::string& name) {
   return nullptr;
 }
 
+const CannedProgram* findCanned(const Config& config, const std::string& name) {
+  for (const auto& p : config.programs)
+    if (p.name == name) return &p;
+  return nullptr;
+}
+
+void runCanned(const CannedProgram& canned, std::vector<uint8_t>& commarea, ProgramResult& result) {
+  if (!canned.abendCode.empty()) {
+    result.rc = kEciErrTransactionAbend;
+    std::copy_n(canned.abendCode.begin(), std::min<size_t>(canned.abendCode.size(), 4), result.abend.begin());
+    return;
+  }
+  std::fill(commarea.begin(), commarea.end(), 0);
+  std::copy_n(canned.commarea.begin(), std::min(canned.commarea.size(), commarea.size()), commarea.begin());
+}
+
 // ECHO, UPPER, ABEND, SLEEP, SHORT; any other name abends with AEI0. False
 // when the wait of a SLEEP was cut short.
 bool runCommareaProgram(const std::string& program, std::vector<uint8_t>& commarea, size_t received, int16_t timeout,
@@ -94,9 +110,11 @@ std::optional<wire::ProgramReply> Session::call(const wire::EciRequest& req, con
   const int32_t mode = req.extendMode;
   if (mode != 0 && mode != 1 && mode != 2 && mode != 4) return fail(kEciErrInvalidExtendMode, req.luwToken);
   if (!findServer(config_, wire::trimField(req.systemName))) return fail(kEciErrUnknownServer, req.luwToken);
-  if (!config_.userId.empty() || !config_.password.empty()) {
-    if (wire::trimField(req.userId) != config_.userId || wire::trimField(req.password) != config_.password)
-      return fail(kEciErrSecurityError, req.luwToken);
+  if (!config_.users.empty()) {
+    const std::string user = wire::trimField(req.userId), password = wire::trimField(req.password);
+    const bool known = std::any_of(config_.users.begin(), config_.users.end(),
+                                   [&](const User& u) { return u.userId == user && u.password == password; });
+    if (!known) return fail(kEciErrSecurityError, req.luwToken);
   }
   const bool inUnit = req.luwToken != 0;
   if (inUnit && units_.count(req.luwToken) == 0) return fail(kEciErrLuwToken, 0);
@@ -116,7 +134,11 @@ std::optional<wire::ProgramReply> Session::call(const wire::EciRequest& req, con
   result.returned = commarea.size();
   std::optional<wire::Channel> flow;
   const std::string program = wire::trimField(req.programName);
-  if (channels::isChannelProgram(program)) {
+  const CannedProgram* canned = findCanned(config_, program);
+  if (canned != nullptr) {
+    runCanned(*canned, commarea, result);
+    if (req.channel) flow = channels::unchangedFlow(*req.channel);
+  } else if (channels::isChannelProgram(program)) {
     // Without a channel a channel program changes nothing: the COMMAREA goes
     // back as it came.
     if (req.channel) {

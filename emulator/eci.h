@@ -21,7 +21,8 @@ namespace qvaemu::eci {
 
 struct Config {
   std::vector<ServerEntry> servers;
-  std::string userId, password;
+  std::vector<User> users;  // empty: no security check
+  std::vector<CannedProgram> programs;
 };
 
 // Waits up to the given time; false when a stop or a drop cut the wait short.

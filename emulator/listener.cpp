@@ -29,8 +29,9 @@ std::vector<ServerEntry> defaultServers() {
 
 Gateway::Impl::Impl(Options o) : options(std::move(o)) {
   config.servers = options.servers.empty() && options.useDefaultServers ? defaultServers() : options.servers;
-  config.userId = options.userId;
-  config.password = options.password;
+  if (!options.userId.empty() || !options.password.empty()) config.users.push_back({options.userId, options.password});
+  config.users.insert(config.users.end(), options.users.begin(), options.users.end());
+  config.programs = options.programs;
 }
 
 namespace {

@@ -1,7 +1,8 @@
 // qva-gateway: the Gateway emulator as a program, for scripts and manual runs.
 //
 // It prints "qva-gateway listening on port N" once it accepts connections, and
-// stops cleanly, exit code 0, on SIGINT or SIGTERM.
+// stops cleanly, exit code 0, on SIGINT or SIGTERM. Its settings come from the
+// command line and from configuration files (config.h).
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -13,6 +14,8 @@
 #include <cstring>
 #include <string>
 
+#include "config.h"
+#include "qva_version.h"
 #include "qvaemu/gateway.h"
 
 namespace {
@@ -30,6 +33,8 @@ extern "C" void onSignal(int) {
 void usage(FILE* out) {
   std::fputs(
       "usage: qva-gateway [options]\n"
+      "  --config FILE          read settings from FILE (see below); options after it\n"
+      "                         override the file's, options before it are overridden\n"
       "  --listen ADDR          listen on ADDR (repeatable; default 127.0.0.1 and ::1)\n"
       "  --port N               port to listen on (default 0: ephemeral)\n"
       "  --port-file FILE       write the port in use to FILE\n"
@@ -39,7 +44,18 @@ void usage(FILE* out) {
       "  --fault MODE[:AFTER]   bend every connection's replies after AFTER messages\n"
       "  --extra-bytes N        surplus of the oversize and channel-lying-length modes (default 64)\n"
       "  --close-delay MS       how late slow-close answers a close request (default 2000)\n"
-      "  --help                 this text\n"
+      "  --version              print the version\n"
+      "  -h, --help             this text\n"
+      "configuration file: one setting a line, '#' starts a comment line:\n"
+      "  listen = ADDR, port = N, port-file = FILE, log = yes|no, fault = MODE[:AFTER],\n"
+      "  extra-bytes = N, close-delay = MS     as the options of the same names\n"
+      "  server NAME = DESCRIPTION             a server of the list\n"
+      "  user USERID = PASSWORD                a user that program calls may give\n"
+      "  program NAME = text TEXT | text \"TEXT\" | hex HEX | abend CODE\n"
+      "                                        a program with a fixed reply: the COMMAREA\n"
+      "                                        holds TEXT or HEX then zeros; or it abends\n"
+      "  A malformed line is told as FILE:LINE: message. Canned programs come before\n"
+      "  the built-in ones.\n"
       "server programs, with a COMMAREA:\n"
       "  ECHO      the COMMAREA as it came      UPPER  ASCII letters upper-cased\n"
       "  SHORT     the first half of it         ABEND  abends with the code in bytes 0-3\n"
@@ -64,87 +80,62 @@ void usage(FILE* out) {
       "  channel-return-on-commarea (COMMAREA calls); for channel calls:\n"
       "  channel-lying-length channel-unknown-state channel-truncated\n"
       "  channel-delete-unknown channel-huge-count; slow-close (the close reply comes\n"
-      "  --close-delay MS late, default 2000)\n",
+      "  --close-delay MS late, default 2000)\n"
+      "exit status: 0 stopped by SIGINT or SIGTERM; 1 could not start (an address that\n"
+      "  cannot be bound, a port file that cannot be written); 2 a bad option or a bad\n"
+      "  configuration file.\n",
       out);
 }
 
-bool parseNumber(const char* text, long max, long& value) {
-  char* end = nullptr;
-  errno = 0;
-  value = std::strtol(text, &end, 10);
-  return errno == 0 && end != text && *end == '\0' && value >= 0 && value <= max;
+int fail(int status, const std::string& message) {
+  std::fprintf(stderr, "qva-gateway: %s\n", message.c_str());
+  return status;
 }
 
-int fail(const std::string& message) {
-  std::fprintf(stderr, "qva-gateway: %s\n", message.c_str());
-  return 2;
+// Applies the command line to settings, --config files where they stand.
+// Returns -1 to go on, else the exit status.
+int parseArguments(int argc, char** argv, qvaemu::config::Settings& settings) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      usage(stdout);
+      return 0;
+    }
+    if (arg == "--version") {
+      std::printf("qva-gateway %s\n", QVA_VERSION_TEXT);
+      return 0;
+    }
+    if (arg == "--log") {
+      settings.options.logMessages = true;
+      continue;
+    }
+    const bool config = arg == "--config";
+    const std::string name = arg.size() > 2 && arg.compare(0, 2, "--") == 0 ? arg.substr(2) : "";
+    if (!config && (name == "log" || !qvaemu::config::isOption(name)))
+      return fail(2, "unknown option " + arg + " (see --help)");
+    if (i + 1 >= argc) return fail(2, arg + " needs a value");
+    const char* value = argv[++i];
+    if (config) {
+      std::vector<std::string> errors;
+      // A file that cannot be read is the program's complaint; its bad lines
+      // are told as FILE:LINE: message, as compilers do.
+      const char* prefix = qvaemu::config::readFile(value, settings, errors) ? "" : "qva-gateway: ";
+      for (const auto& e : errors) std::fprintf(stderr, "%s%s\n", prefix, e.c_str());
+      if (!errors.empty()) return 2;
+    } else if (std::string bad = qvaemu::config::setOption(settings, name, value); !bad.empty()) {
+      return fail(2, arg + " " + bad);
+    }
+  }
+  return -1;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  qvaemu::Options options;
-  options.recordReceived = false;  // nobody reads them back, and the program may run for long
-  qvaemu::FaultPlan fault;
-  fault.everyConnection = true;
-  std::string portFile;
+  qvaemu::config::Settings settings;
+  if (int status = parseArguments(argc, argv, settings); status >= 0) return status;
 
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    auto value = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
-    if (arg == "--help") {
-      usage(stdout);
-      return 0;
-    }
-    if (arg == "--log") {
-      options.logMessages = true;
-      continue;
-    }
-    const char* v = value();
-    if (!v) {
-      usage(stderr);
-      return 2;
-    }
-    long n = 0;
-    if (arg == "--listen") {
-      options.listenAddresses.emplace_back(v);
-    } else if (arg == "--port") {
-      if (!parseNumber(v, 65535, n)) return fail(std::string("bad port: ") + v);
-      options.port = static_cast<uint16_t>(n);
-    } else if (arg == "--port-file") {
-      portFile = v;
-    } else if (arg == "--server") {
-      const char* eq = std::strchr(v, '=');
-      if (!eq || eq == v) return fail(std::string("bad server (want NAME=DESCRIPTION): ") + v);
-      options.servers.push_back({std::string(v, eq), std::string(eq + 1)});
-    } else if (arg == "--user") {
-      options.userId = v;
-    } else if (arg == "--password") {
-      options.password = v;
-    } else if (arg == "--fault") {
-      std::string mode = v;
-      const auto colon = mode.find(':');
-      if (colon != std::string::npos) {
-        if (!parseNumber(mode.c_str() + colon + 1, 1000000, n)) return fail(std::string("bad fault: ") + v);
-        fault.afterMessages = static_cast<int>(n);
-        mode.resize(colon);
-      }
-      const auto f = qvaemu::faultFromName(mode);
-      if (!f) return fail("unknown fault mode: " + mode);
-      fault.fault = *f;
-    } else if (arg == "--extra-bytes") {
-      if (!parseNumber(v, 1 << 24, n)) return fail(std::string("bad byte count: ") + v);
-      fault.extraBytes = static_cast<uint32_t>(n);
-    } else if (arg == "--close-delay") {
-      if (!parseNumber(v, 600000, n)) return fail(std::string("bad delay: ") + v);
-      fault.closeDelay = std::chrono::milliseconds(n);
-    } else {
-      usage(stderr);
-      return 2;
-    }
-  }
-
-  if (::pipe2(signalPipe, O_CLOEXEC) != 0) return fail(std::string("pipe: ") + std::strerror(errno));
+  if (::pipe2(signalPipe, O_CLOEXEC) != 0) return fail(1, std::string("pipe: ") + std::strerror(errno));
   struct sigaction sa {};
   sa.sa_handler = onSignal;
   sigemptyset(&sa.sa_mask);
@@ -152,16 +143,17 @@ int main(int argc, char** argv) {
   sigaction(SIGTERM, &sa, nullptr);
   signal(SIGPIPE, SIG_IGN);
 
-  qvaemu::Gateway gateway(options);
-  gateway.setFault(fault);
+  qvaemu::Gateway gateway(settings.options);
+  gateway.setFault(settings.fault);
   std::string error;
-  if (!gateway.start(&error)) return fail(error);
+  if (!gateway.start(&error)) return fail(1, error);
 
+  const std::string& portFile = settings.portFile;
   if (!portFile.empty()) {
     FILE* f = std::fopen(portFile.c_str(), "w");
     if (!f || std::fprintf(f, "%u\n", gateway.port()) < 0 || std::fclose(f) != 0) {
       gateway.stop();
-      return fail("cannot write " + portFile);
+      return fail(1, "cannot write " + portFile);
     }
   }
   std::printf("qva-gateway listening on port %u\n", gateway.port());

@@ -1,6 +1,7 @@
-# qva-call's exit statuses: 0 for a result of 0, 1 for any other result, 2 for
-# a usage error, told in one line of standard error and nothing on standard
-# output. The largest COMMAREA goes through and is printed shortened.
+# qva-call's exit statuses: 0 for a result of 0, 1 for another result, 2 for a
+# usage error, told in one line of standard error that names the option and
+# nothing on standard output, 3 when the Gateway cannot be reached, 4 for an
+# abend. The largest COMMAREA goes through and is printed shortened.
 foreach(var QVA_CLIENT_TRACE_LEVEL QVA_CLIENT_TRACE_FILE QVA_PASSWORD)
   unset(ENV{${var}})
 endforeach()
@@ -28,16 +29,41 @@ function(check name want_rc err_regex)
   set(out "${out}" PARENT_SCOPE)
 endfunction()
 
+# Status by result class. Port 1 of loopback has no listener.
 check(echo 0 "" ECHO --text hi)
-check(abend 1 "" ABEND --hex "41 42 43 44 00 00")
-check(bad_option 2 "unknown option --frobnicate [^\n]*" ECHO --frobnicate)
-check(bad_extend 2 "--extend takes [^\n]*" ECHO --extend 3)
+check(unknown_server 1 "" ECHO --server NOPE)
+check(more_systems 1 "" --list --list-capacity 1)
+check(no_gateway 3 "" ECHO --host 127.0.0.1 --port 1)
+check(no_gateway_json 3 "" --json --list --host 127.0.0.1 --port 1)
+check(abend 4 "" ABEND --hex "41 42 43 44 00 00")
+check(unknown_program 4 "" NOSUCH)
+
+# Usage errors, one line each.
+check(bad_option 2 "unknown option --frobnicate \\(see --help\\)" ECHO --frobnicate)
+check(missing_value 2 "--port needs a value" ECHO --port)
+check(not_a_number 2 "--port takes a whole number from 1 to 65535, not \"x\"" ECHO --host h --port x)
+check(port_range 2 "--port takes a whole number from 1 to 65535, not \"65536\"" ECHO --host h --port 65536)
+check(negative_timeout 2 "--timeout takes a whole number from 0 to 32767, not \"-1\"" ECHO --timeout -1)
+check(bad_extend 2 "--extend takes 0\\|none, 1\\|extended, 2\\|commit or 4\\|backout, not \"3\"" ECHO --extend 3)
+check(bad_hex 2 "--hex takes pairs of hex digits, not \"4\"" ECHO --hex 4)
+check(two_contents 2 "--hex does not go with --text: give the COMMAREA once \\(--text, --hex or --file\\)"
+  ECHO --text hi --hex 00)
+check(list_and_program 2 "--list does not go with a program \\(ECHO\\)" --list ECHO)
+check(list_and_call_option 2 "--text does not go with --list" --list --text hi)
+check(capacity_without_list 2 "--list-capacity goes with --list" ECHO --list-capacity 4)
+check(host_without_port 2 "--host needs --port" ECHO --host h)
+check(port_without_host 2 "--port needs --host" ECHO --port 3000)
+check(json_and_quiet 2 "--json does not go with --quiet" ECHO --json --quiet)
+check(long_program 2 "program name \"ECHOECHO1\" is longer than 8 characters" ECHOECHO1)
+check(long_server 2 "--server takes 8 characters at most, not \"SERVER123\"" ECHO --server SERVER123)
+check(long_password 2 "--password takes 16 characters at most" ECHO --password 12345678901234567)
+check(two_programs 2 "one program at a time \\(UPPER after ECHO\\)" ECHO UPPER)
 check(no_program 2 "name a program [^\n]*" --text hi)
 check(file_over 2 "COMMAREA of 32768 bytes from --file is over the limit of 32767 bytes"
   ECHO --file "${over_file}")
 check(hex_over 2 "COMMAREA of 32768 bytes from --hex is over the limit of 32767 bytes" ECHO --hex "${over_hex}")
 check(text_over 2 "COMMAREA of 32768 bytes from --text is over the limit of 32767 bytes" ECHO --text "${largest}B")
-check(length_over 2 "--length takes a whole number from 0 to 32767" ECHO --text hi --length 32768)
+check(length_over 2 "--length takes a whole number from 0 to 32767, not \"32768\"" ECHO --text hi --length 32768)
 
 check(largest 0 "" ECHO --file "${largest_file}")
 string(REPEAT "A" 256 shown)

@@ -17,6 +17,8 @@
 //               200, at most 10000), then echoes; longer than the request's
 //               time-out: -6 after the time-out
 //     any other name abends with AEI0
+//   Canned programs (Options::programs) come before all of these: one whose
+//   name a call gives answers with its fixed COMMAREA, or abends with its code.
 //   Channel programs; the return flow carries the request's channel name and
 //   CCSID, lists the request's containers in request order and then those the
 //   program adds. An UNCHANGED or DELETED entry carries no data, but its
@@ -88,6 +90,20 @@ struct ServerEntry {
   std::string description;  // at most 60 characters are sent
 };
 
+struct User {
+  std::string userId, password;
+};
+
+// A COMMAREA program whose reply is fixed. Without an abend code the
+// COMMAREA goes back with these bytes at its start and zeros after them, cut
+// to the caller's COMMAREA length; with one the call abends (-7) with that
+// code and, as every failed call, returns no data.
+struct CannedProgram {
+  std::string name;  // 1 to 8 characters, compared with the request's trimmed name
+  std::vector<uint8_t> commarea;
+  std::string abendCode;  // empty, or 4 characters
+};
+
 enum class Fault {
   None,
   NeverAnswer,              // read the request whole, never reply (until dropConnections()/stop())
@@ -142,6 +158,9 @@ struct Options {
   bool useDefaultServers = true;     // false: an empty servers list means a Gateway without servers
   std::string userId, password;      // empty: no security check
   bool recordReceived = true;        // false: received() stays empty (long-running programs)
+  // More accounts besides userId/password; any one of them passes the check.
+  std::vector<User> users;
+  std::vector<CannedProgram> programs;
 };
 
 // QVADEMO and QVATEST.
