@@ -156,6 +156,7 @@ if readelf -d "$work/cxx/build/consumer_static" | grep -q 'NEEDED.*libqvaclient'
 fi
 run_consumer "C++ consumer (shared)" "installed tree, C++" "$work/cxx/build/consumer_shared"
 run_consumer "C++ consumer (static)" "installed tree, C++" "$work/cxx/build/consumer_static"
+run_consumer "C++ layer consumer" "installed tree, C++ layer" "$work/cxx/build/consumer_hpp"
 
 # ---- The Debian package -------------------------------------------------------
 
