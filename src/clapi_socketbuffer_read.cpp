@@ -95,8 +95,12 @@ int fill(SocketBuffer *sockBuffer, bool pastMessage) {
       TRACE_DEBUG(1541, "clapi_socketbuffer.fillBuffer %lu bytes already in buffer %p\n", ul(sockBuffer->bytesInBuffer),
                   addr(sockBuffer));
     }
-    if (held > 0) std::memmove(sockBuffer->buffer, sockBuffer->cursor, held);
-    sockBuffer->cursor = sockBuffer->buffer;
+    // Only a receive needs the room at the end: quiet, a buffer of many
+    // kilobytes is not shifted for every step it already holds.
+    if (amount > 0) {
+      if (held > 0) std::memmove(sockBuffer->buffer, sockBuffer->cursor, held);
+      sockBuffer->cursor = sockBuffer->buffer;
+    }
     // Traced, exactly the step's bytes; quiet, as much as the room takes.
     uint32_t room = amount;
     if (sockBuffer->quiet) {
