@@ -120,6 +120,13 @@ TEST_F(ChannelFlowTest, RequestCarriesTheChannelNewestFirstEveryEntryAsAdded) {
                                       hex("0102 00 FFFFFFFF 00000000")}));
   EXPECT_EQ(std::string(parms.eci_abend_code, 4), "ABND");
   EXPECT_EQ(parms.eci_luw_token, 0x77);
+  // Untraced, the same request leaves in one gathered send, byte for byte.
+  parms.eci_luw_token = 0x01020304;
+  {
+    TraceCapture quiet(0);
+    ASSERT_EQ(call(channelReply("CHANNEL", 1208, 0, {})), QVA_OK);
+  }
+  EXPECT_EQ(gateway.requests.back(), gateway.requests[1]);
   // An empty channel is 24 bytes and gets the CCSID of the locale.
   ASSERT_EQ(ECI_createChannel("E", &channel), ECI_NO_ERROR);
   parms.eci_channel = channel;

@@ -84,32 +84,35 @@ TEST_F(EciTest, RequestsCarryEveryFieldAtItsOffsetByCallType) {
        {}},
       {0, 7, nullptr, cat({hex("00000007"), kTrailer}), message(1, "ECI", hex("00000007")), {}},  // unknown: a trailer
   };
-  for (const auto &[commarea, callType, change, body, reply, after] : cases) {
-    const auto size = static_cast<uint32_t>(body.size());
-    SCOPED_TRACE(size);
-    EciRequest call(commarea, callType);
-    if (change) change(call.req);
-    serve(reply, 32 + size);
-    TraceCapture trace(3);
-    EXPECT_EQ(clapiFlowECIRequest(token->socket, &call.req, &reasons), QVA_OK);
-    const std::string text = trace.text();
-    EXPECT_EQ(reasons, 0);
-    ASSERT_EQ(gateway.finish(), "");
-    EXPECT_EQ(gateway.requests.back(), cat({header(1, "ECI", size), body}));
-    EXPECT_EQ(unguarded(call.area), after);
-    EXPECT_TRUE(guardIntact(call.area));
-    EXPECT_EQ(pendingBytes(token->socket), 0);
-    EXPECT_EQ(countLines(text, 3214, "EXIT",
-                         R"(clapi_socketcomms\.clapiFlowECIRequest\(socketDesc=)" + std::to_string(token->socket) +
-                             R"(, \*request=0x[0-9a-f]+, \*reasons=0x[0-9a-f]+\) rc=0)"),
-              1)
-        << text;
-    EXPECT_EQ(countLines(text, 3214, "EXIT",
-                         R"(clapi_socketcomms\.calculateECIRequestSize\(\*request=0x[0-9a-f]+\) )"
-                         "requestSize=" +
-                             std::to_string(size)),
-              1);
-  }
+  // Untraced (level 0) the request leaves in one gathered send, traced (level 3) piece by piece: the same bytes.
+  for (const auto &[commarea, callType, change, body, reply, after] : cases)
+    for (int level : {0, 3}) {
+      const auto size = static_cast<uint32_t>(body.size());
+      SCOPED_TRACE(testing::Message() << size << " bytes, level " << level);
+      EciRequest call(commarea, callType);
+      if (change) change(call.req);
+      serve(reply, 32 + size);
+      TraceCapture trace(level);
+      EXPECT_EQ(clapiFlowECIRequest(token->socket, &call.req, &reasons), QVA_OK);
+      const std::string text = trace.text();
+      EXPECT_EQ(reasons, 0);
+      ASSERT_EQ(gateway.finish(), "");
+      EXPECT_EQ(gateway.requests.back(), cat({header(1, "ECI", size), body}));
+      EXPECT_EQ(unguarded(call.area), after);
+      EXPECT_TRUE(guardIntact(call.area));
+      EXPECT_EQ(pendingBytes(token->socket), 0);
+      if (level == 0) continue;
+      EXPECT_EQ(countLines(text, 3214, "EXIT",
+                           R"(clapi_socketcomms\.clapiFlowECIRequest\(socketDesc=)" + std::to_string(token->socket) +
+                               R"(, \*request=0x[0-9a-f]+, \*reasons=0x[0-9a-f]+\) rc=0)"),
+                1)
+          << text;
+      EXPECT_EQ(countLines(text, 3214, "EXIT",
+                           R"(clapi_socketcomms\.calculateECIRequestSize\(\*request=0x[0-9a-f]+\) )"
+                           "requestSize=" +
+                               std::to_string(size)),
+                1);
+    }
 }
 
 // What fits is kept; what does not fit, or should not be there, is read and dropped so that the next call gets its
