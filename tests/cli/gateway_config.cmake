@@ -1,6 +1,7 @@
 # qva-gateway --config: a server list, a user and canned-reply programs read
 # from a file and served to qva-call, options after --config overriding the
 # file's; and every malformed line of a file told as FILE:LINE: message.
+include("${CMAKE_CURRENT_LIST_DIR}/../support/background_gateway.cmake")
 set(work "${WORK_DIR}/gateway_config")
 file(REMOVE_RECURSE "${work}")
 file(MAKE_DIRECTORY "${work}")
@@ -21,22 +22,7 @@ program PADDED = text "  two blanks  "
 program RAW = hex 00 01 fe FF
 program FAIL = abend XY12
 ]=])
-# The Gateway runs in the background for two minutes at most.
-execute_process(
-  COMMAND sh -c "timeout 120 \"$0\" --config \"$1\" --port-file \"$2\" --server \"EXTRA=Added later\" </dev/null >/dev/null 2>&1 & echo $!"
-          "${QVA_GATEWAY}" "${work}/good.conf" "${work}/port"
-  OUTPUT_VARIABLE gateway OUTPUT_STRIP_TRAILING_WHITESPACE)
-set(port "")
-foreach(try RANGE 100)
-  if(EXISTS "${work}/port")
-    file(READ "${work}/port" port)
-    if(port MATCHES "^[0-9]+\n$")
-      break()
-    endif()
-  endif()
-  execute_process(COMMAND "${CMAKE_COMMAND}" -E sleep 0.1)
-endforeach()
-string(STRIP "${port}" port)
+start_background_gateway("${QVA_GATEWAY}" "${work}" port gateway --config "${work}/good.conf" --server "EXTRA=Added later")
 
 function(call name want_rc want_out)
   execute_process(COMMAND "${QVA_CALL}" --json --host 127.0.0.1 --port "${port}" ${ARGN}

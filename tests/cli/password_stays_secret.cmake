@@ -2,6 +2,7 @@
 # or in QVA_PASSWORD reaches the Gateway, which takes no other, yet shows
 # neither in qva-call's output nor in its level-5 trace, as text or as the
 # hex of a memory dump.
+include("${CMAKE_CURRENT_LIST_DIR}/../support/background_gateway.cmake")
 set(secret "Zq7SecretPw")
 set(work "${WORK_DIR}/password_stays_secret")
 file(REMOVE_RECURSE "${work}")
@@ -14,22 +15,7 @@ string(HEX "${secret}" secret_hex)
 string(TOUPPER "${secret_hex}" secret_hex)
 string(REPEAT "2A" 16 masked_hex)  # the 16-byte password field all '*'
 
-# The Gateway runs in the background for two minutes at most.
-execute_process(
-  COMMAND sh -c "timeout 120 \"$0\" --port 0 --port-file \"$1\" --user ME --password \"$2\" </dev/null >/dev/null 2>&1 & echo $!"
-          "${QVA_GATEWAY}" "${work}/port" "${secret}"
-  OUTPUT_VARIABLE gateway OUTPUT_STRIP_TRAILING_WHITESPACE)
-set(port "")
-foreach(try RANGE 100)
-  if(EXISTS "${work}/port")
-    file(READ "${work}/port" port)
-    if(port MATCHES "^[0-9]+\n$")
-      break()
-    endif()
-  endif()
-  execute_process(COMMAND "${CMAKE_COMMAND}" -E sleep 0.1)
-endforeach()
-string(STRIP "${port}" port)
+start_background_gateway("${QVA_GATEWAY}" "${work}" port gateway --port 0 --user ME --password "${secret}")
 
 set(failures "")
 foreach(way argument stdin environment none)

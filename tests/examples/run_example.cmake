@@ -1,6 +1,7 @@
 # Runs one example program against a qva-gateway started in the background on
 # an ephemeral port, and prints the example's output for the test's pass
 # pattern. Arguments: EXAMPLE, QVA_GATEWAY, WORK_DIR.
+include("${CMAKE_CURRENT_LIST_DIR}/../support/background_gateway.cmake")
 get_filename_component(name "${EXAMPLE}" NAME)
 set(work "${WORK_DIR}/${name}")
 file(REMOVE_RECURSE "${work}")
@@ -10,21 +11,7 @@ foreach(var QVA_CLIENT_TRACE_LEVEL QVA_CLIENT_TRACE_FILE QVA_CLIENT_REPLY_TIMEOU
 endforeach()
 
 # The Gateway runs for two minutes at most, should the kill below not happen.
-execute_process(
-  COMMAND sh -c "timeout 120 \"$0\" --port 0 --port-file \"$1\" </dev/null >/dev/null 2>&1 & echo $!"
-          "${QVA_GATEWAY}" "${work}/port"
-  OUTPUT_VARIABLE gateway OUTPUT_STRIP_TRAILING_WHITESPACE)
-set(port "")
-foreach(try RANGE 100)
-  if(EXISTS "${work}/port")
-    file(READ "${work}/port" port)
-    if(port MATCHES "^[0-9]+\n$")
-      break()
-    endif()
-  endif()
-  execute_process(COMMAND "${CMAKE_COMMAND}" -E sleep 0.1)
-endforeach()
-string(STRIP "${port}" port)
+start_background_gateway("${QVA_GATEWAY}" "${work}" port gateway --port 0)
 
 execute_process(COMMAND "${EXAMPLE}" 127.0.0.1 "${port}" OUTPUT_VARIABLE out ERROR_VARIABLE err RESULT_VARIABLE rc)
 execute_process(COMMAND kill "${gateway}")
