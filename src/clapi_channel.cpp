@@ -151,25 +151,13 @@ int lockChannel(QvaChannel *chanTok) {
   return clapiRequestLock(&chanTok->lock);
 }
 
-Container *findContainer(QvaChannel *channel, const char *name, Container **predecessor, Container *after) {
-  // Names are unique in a channel: searching on from `after` first, then
-  // from the start up to it, finds the same container sooner when entries
-  // come in the list's order.
-  Container *before = after;
-  for (Container *cont = after != nullptr ? after->nextCont : nullptr; cont != nullptr; cont = cont->nextCont) {
-    if (std::strncmp(cont->name, name, kNameSize) == 0) {
-      if (predecessor != nullptr) *predecessor = before;
-      return cont;
-    }
-    before = cont;
-  }
-  before = nullptr;
+Container *findContainer(QvaChannel *channel, const char *name, Container **predecessor) {
+  Container *before = nullptr;
   for (Container *cont = channel->firstCont; cont != nullptr; cont = cont->nextCont) {
     if (std::strncmp(cont->name, name, kNameSize) == 0) {
       if (predecessor != nullptr) *predecessor = before;
       return cont;
     }
-    if (cont == after) break;
     before = cont;
   }
   return nullptr;

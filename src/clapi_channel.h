@@ -85,8 +85,7 @@ class HeldChannel {
 
 // Walks the channel's containers for a 16-byte name; *predecessor (if not
 // null) receives the container before the match.
-Container *findContainer(QvaChannel *channel, const char *name, Container **predecessor = nullptr,
-                         Container *after = nullptr);
+Container *findContainer(QvaChannel *channel, const char *name, Container **predecessor = nullptr);
 
 // Unlinks the container from the channel, moving the walk's cursor back to
 // the predecessor when it stood on it.

@@ -103,15 +103,12 @@ int addContainer(SocketBuffer *sockBuffer, QvaChannel *channel, Container *tempC
   return rc;
 }
 
-// `lastFound`: the container the previous entry modified, where the search
-// for this one starts; set to this one's.
-int modifyContainer(SocketBuffer *sockBuffer, QvaChannel *channel, Container *tempCont, Container **lastFound) {
+int modifyContainer(SocketBuffer *sockBuffer, QvaChannel *channel, Container *tempCont) {
   TRACE_ENTRY(3205, "clapi_socketcomms.modifyContainer(sockBuffer=%p, channel=%p, tempCont=%p)\n", addr(sockBuffer),
               addr(channel), addr(tempCont));
   int rc = QVA_OK;
   bool apply = false;  // whether the reply's entry replaces the container
-  Container *found = findContainer(channel, tempCont->name, nullptr, *lastFound);
-  if (found != nullptr) *lastFound = found;
+  Container *found = findContainer(channel, tempCont->name);
   const uint32_t length = tempCont->dataLength;
   if (found == nullptr) {
     // The entry's data stays unread; the merge ends here.
@@ -237,7 +234,6 @@ int readChannel(SocketBuffer *sockBuffer, QvaChannel *channel) {
     TRACE_DEBUG(3231, "clapi_socketcomms.readChannel Return flow contains %d containers in channel \"%.16s\"\n",
                 entries, channel->name);
   }
-  Container *lastFound = nullptr;
   for (int32_t i = 0; i < entries && rc == QVA_OK; ++i) {
     Container tempCont{};
     std::memcpy(tempCont.eyecatcher, "QVACONTA", 8);
@@ -263,12 +259,11 @@ int readChannel(SocketBuffer *sockBuffer, QvaChannel *channel) {
       case kDeleted:
         TRACE_EVENT(3233, "clapi_socketcomms.readChannel Container \"%.16s\" DELETED in VESK\n", tempCont.name);
         rc = deleteContainer(channel, tempCont.name);
-        lastFound = nullptr;  // it may be the one deleted
         break;
       case kModified:
         TRACE_EVENT(3234, "clapi_socketcomms.readChannel Container \"%.16s\" MODIFIED in VESK, new length=%lu\n",
                     tempCont.name, ul(tempCont.dataLength));
-        rc = modifyContainer(sockBuffer, channel, &tempCont, &lastFound);
+        rc = modifyContainer(sockBuffer, channel, &tempCont);
         break;
       case kUnchanged:
         TRACE_EVENT(3235, "clapi_socketcomms.readChannel Container \"%.16s\" is UNCHANGED\n", tempCont.name);
