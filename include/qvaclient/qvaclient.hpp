@@ -10,6 +10,10 @@
 #ifndef QVACLIENT_QVACLIENT_HPP
 #define QVACLIENT_QVACLIENT_HPP
 
+#if __cplusplus < 202002L
+#error "qvaclient/qvaclient.hpp needs C++20 (std::span); older C++ can use the C interface, qvaclient/qvaclient.h"
+#endif
+
 #include <array>
 #include <chrono>
 #include <cstddef>
