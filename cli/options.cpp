@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 #include "common.h"
 #include "qva_version.h"
@@ -234,8 +235,8 @@ class Parser {
     return value();
   }
 
-  bool withinLimit() {
-    const size_t size = options_->commarea.size();
+  bool withinLimit() { return withinLimit(options_->commarea.size()); }
+  bool withinLimit(uintmax_t size) {
     if (size <= kCommareaLimit) return true;
     return usageError("COMMAREA of " + std::to_string(size) + " bytes from " + arg_ +
                       " is over the limit of 32767 bytes");
@@ -298,6 +299,10 @@ bool Parser::take() {
     return withinLimit();
   } else if (arg == "--file") {
     if (!contents()) return false;
+    // A regular file over the limit is refused by its size, before it is read.
+    std::error_code notRegular;
+    const uintmax_t size = std::filesystem::file_size(v_, notRegular);
+    if (!notRegular && !withinLimit(size)) return false;
     if (!readFile(v_, &o.commarea)) return usageError(std::string("cannot read ") + v_ + ": " + std::strerror(errno));
     return withinLimit();
   } else if (arg == "--length") {
